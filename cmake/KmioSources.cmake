@@ -1,0 +1,26 @@
+# Collects the sources of one folder for the platform being built: portable
+# files plus the matching per-OS files (name_posix.cpp or name_win32.cpp).
+function(kmio_collect_sources out dir)
+  file(GLOB all CONFIGURE_DEPENDS "${dir}/*.cpp")
+  if(WIN32)
+    list(FILTER all EXCLUDE REGEX "_posix\\.cpp$")
+  else()
+    list(FILTER all EXCLUDE REGEX "_win32\\.cpp$")
+  endif()
+  set(${out} ${all} PARENT_SCOPE)
+endfunction()
+
+# Adds one internal static library made of the sources of a folder under src/.
+function(kmio_component name dir)
+  kmio_collect_sources(srcs "${dir}")
+  if(NOT srcs)
+    # A folder whose code has not arrived yet still yields a library, so that
+    # the targets above it link.
+    set(srcs ${CMAKE_CURRENT_BINARY_DIR}/${name}_empty.cpp)
+    file(WRITE ${srcs} "")
+  endif()
+  add_library(${name} STATIC ${srcs})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
+  target_compile_definitions(${name} PUBLIC KMIO_BUILDING_LIBRARY)
+  target_link_libraries(${name} PUBLIC Threads::Threads)
+endfunction()

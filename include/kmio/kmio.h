@@ -1,0 +1,343 @@
+/*
+ * KalometIO: device input/output for positioning controllers and sensors.
+ *
+ * This header is the whole public interface of the library and its reference
+ * manual. It is valid C99 and C++.
+ *
+ * Overview
+ * --------
+ * A device is opened by a text locator, for example
+ *
+ *     "usb:sn:KM123456"            USB device by the serial number of its chip
+ *     "usb:id:305419896"           USB device by its decimal chip identifier
+ *     "network:192.168.1.20:55550" TCP device at host and port
+ *     "network:sn:KM000042"        network device found by discovery
+ *     "serial:/dev/ttyUSB0"        serial port (a bare name such as
+ *                                  "serial:ttyUSB0" is taken under /dev/)
+ *
+ * Locators are split at every ':'; empty fields are dropped, so a run of
+ * separators counts as one. Because of this, serial port names that contain
+ * ':' cannot be opened.
+ *
+ * Bytes are sent with KM_IO_Send. Received bytes and link failures arrive
+ * through the two callbacks given to KM_IO_Open. Devices and interfaces can be
+ * listed as property records (KM_IO_EnumerateDevices, KM_IO_EnumerateInterfaces),
+ * and one process-wide event callback hears about network devices that appear
+ * and vanish while background discovery runs (KM_IO_SetGlobalOptions,
+ * KM_IO_SetEventCallback).
+ *
+ * Result codes
+ * ------------
+ * Every function returns a uint32_t result code: KM_IO_OK (0) on success or one
+ * of the KM_IO_ERR_* values below. No function allocates memory that the caller
+ * must free.
+ *
+ * Option strings
+ * --------------
+ * Functions that take configuration take one option string: lines separated by
+ * '\n', each "key value" (the first blank separates key and value) or a bare
+ * "key" (empty value; a bare boolean key means true). Blank lines and blanks,
+ * tabs and carriage returns around a line are ignored. A null option string is
+ * the same as "". Unknown keys are ignored unless the line "strict" is present,
+ * in which case they give KM_IO_ERR_BAD_OPTIONS. Numbers are unsigned decimal;
+ * booleans are "true", "on", "1", "false", "off", "0" or empty (true).
+ *
+ * Out-buffer convention
+ * ---------------------
+ * Functions that return text (KM_IO_GetProperty, KM_IO_GetErrorEventData,
+ * KM_IO_GetDiscoveryEventData, KM_IO_EnumerateDevices,
+ * KM_IO_EnumerateInterfaces) take a caller buffer and a size_t *ioSize. On
+ * entry *ioSize holds the buffer's capacity in bytes. If the text and its
+ * terminating NUL fit, the text and the NUL are copied, *ioSize becomes the
+ * text length (without the NUL) and the result is KM_IO_OK. Otherwise nothing
+ * is copied, *ioSize becomes the size needed (length + 1) and the result is
+ * KM_IO_ERR_BUFFER_TOO_SMALL; call again with a buffer of that size. (The one
+ * exception is the serial link's KM_IO_GetProperty, described there.)
+ *
+ * Record text
+ * -----------
+ * Enumeration returns one line per device or interface, lines separated by
+ * '\n' with none after the last. A line is "key=value" items joined by '|'.
+ * In values, '%' is written "%25", line feed "%0A", '|' "%7C" and '=' "%3D".
+ * Which keys appear is chosen with "include-KEY" options ("include-all" for
+ * every key); with "only-locator" the lines are the bare, unescaped locators.
+ *
+ * Threads
+ * -------
+ * Every function may be called from any thread. The receive and link-error
+ * callbacks of a device run on that device's own receiving thread, one call at
+ * a time, with no library lock held. The event callback runs on a discovery
+ * thread with the library's table lock held; see KM_IO_SetEventCallback for
+ * what it must not call.
+ */
+#ifndef KMIO_KMIO_H
+#define KMIO_KMIO_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#if defined(KMIO_BUILDING_LIBRARY)
+#define KM_IO_API __declspec(dllexport)
+#else
+#define KM_IO_API __declspec(dllimport)
+#endif
+#else
+#define KM_IO_API __attribute__((visibility("default")))
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Library version reported by KM_IO_GetVersion. */
+#define KM_IO_VERSION_MAJOR 2
+#define KM_IO_VERSION_MINOR 2
+#define KM_IO_VERSION_UPDATE 0
+
+/* Result codes. */
+#define KM_IO_OK 0u                     /**< success */
+#define KM_IO_ERR_NO_FREE_HANDLE 1u     /**< all 64 handles are in use */
+#define KM_IO_ERR_BAD_LOCATOR 2u        /**< locator has no ':' or an unknown prefix, or the link cannot use its fields */
+#define KM_IO_ERR_NOT_FOUND 3u          /**< the device named by the locator could not be found */
+#define KM_IO_ERR_BAD_OPTIONS 4u        /**< bad option string (conversion failed, unknown key under "strict", bad port or interface list) */
+#define KM_IO_ERR_OPEN_FAILED 5u        /**< the link could not be opened or configured */
+#define KM_IO_ERR_INVALID_HANDLE 6u     /**< handle is 64 or more, or not open */
+#define KM_IO_ERR_LINK_LOST 7u          /**< the connection or device went away (link-error callback; network and USB send) */
+#define KM_IO_ERR_LINK_FAILED 8u        /**< any other failure while receiving (link-error callback only) */
+#define KM_IO_ERR_SEND_FAILED 9u        /**< sending failed */
+#define KM_IO_ERR_NOT_SUPPORTED 10u     /**< interface type cannot be enumerated; property could not be read */
+#define KM_IO_ERR_UNKNOWN_PROPERTY 11u  /**< unknown property key */
+#define KM_IO_ERR_BUFFER_TOO_SMALL 12u  /**< buffer too small; *ioSize holds the size needed */
+#define KM_IO_ERR_ENUMERATION_FAILED 13u /**< enumeration failed (USB driver call, network interface list) */
+#define KM_IO_ERR_DRIVER_UNAVAILABLE 14u /**< the USB driver library or its functions are not available */
+#define KM_IO_ERR_WRONG_EVENT_TYPE 15u  /**< event record of the wrong type for the accessor */
+
+/* Interface types. */
+#define KM_IO_IFACE_NONE 0u
+#define KM_IO_IFACE_USB 1u
+#define KM_IO_IFACE_NETWORK 2u
+#define KM_IO_IFACE_SERIAL 3u
+#define KM_IO_IFACE_ALL 9999u /**< combined enumeration over all links */
+
+/* Event types. */
+#define KM_IO_EVENT_ERROR 0u              /**< error event (never raised by this version) */
+#define KM_IO_EVENT_DEVICE_AVAILABLE 1u   /**< a network device was found, or changed and is present */
+#define KM_IO_EVENT_DEVICE_UNAVAILABLE 2u /**< a network device was lost or is no longer available */
+
+/** Opaque event record, valid only during the event callback. */
+typedef struct KM_IO_Event KM_IO_Event;
+
+/**
+ * Receives a block of bytes from a device. Runs on the device's receiving
+ * thread. `data` is valid only during the call. Must not call
+ * KM_IO_Close(handle, 1) on its own device (that would wait for itself).
+ */
+typedef void (*KM_IO_ReceiveCallback)(void *userContext, const uint8_t *data, size_t length);
+
+/**
+ * Reports a link failure: KM_IO_ERR_LINK_LOST (7) or KM_IO_ERR_LINK_FAILED (8).
+ * Runs on the device's receiving thread, under the same rules as the receive
+ * callback. The device stays open until the application closes it.
+ */
+typedef void (*KM_IO_LinkErrorCallback)(void *userContext, uint32_t code);
+
+/**
+ * Receives a process-wide event. `eventType` is one of KM_IO_EVENT_*; read the
+ * record with KM_IO_GetErrorEventData or KM_IO_GetDiscoveryEventData before
+ * returning, since it is destroyed afterwards.
+ */
+typedef void (*KM_IO_EventCallback)(void *userData, uint32_t eventType, const KM_IO_Event *event);
+
+/**
+ * Reports the library version (2.2.0). Every pointer must be valid.
+ * Returns KM_IO_OK.
+ */
+KM_IO_API uint32_t KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *update);
+
+/**
+ * Classifies a locator by the text before its first ':' ("usb" gives
+ * KM_IO_IFACE_USB, "network" KM_IO_IFACE_NETWORK, "serial" KM_IO_IFACE_SERIAL;
+ * the comparison is case-sensitive). Only the prefix is examined.
+ *
+ * @param type    out: the interface type; KM_IO_IFACE_NONE on failure.
+ * @param locator NUL-terminated locator; must not be null.
+ * @return KM_IO_OK, or KM_IO_ERR_BAD_LOCATOR when there is no ':' or the prefix
+ *         is unknown.
+ */
+KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *locator);
+
+/**
+ * Opens a device and stores it in the handle table.
+ *
+ * Options per link:
+ *  - serial:  "baudrate N" (required, not 0), "xonxoff" (software flow control).
+ *  - network: "port N" (when the locator has no port), "connect-timeout MS"
+ *             (default 5000), "iface network:A.B.C.D" or "iface network:all"
+ *             (interfaces on which a "network:sn:" locator is searched),
+ *             "discovery-timeout MS" (default 100).
+ *  - usb:     "baudrate", "rx-timeout", "tx-timeout", "ftdi-latency",
+ *             "health-check", "product-name", "ftdi-flow-control".
+ *  - all:     "strict" rejects unknown keys.
+ *
+ * @param handle      out: the handle, 0 to 63; written 0 on failure.
+ * @param locator     NUL-terminated locator; must not be null.
+ * @param options     option string, or null for none.
+ * @param userContext passed back unchanged as the first argument of both callbacks.
+ * @param onReceive   called with every block of received bytes; must not be null.
+ * @param onError     called with KM_IO_ERR_LINK_LOST or KM_IO_ERR_LINK_FAILED
+ *                    when the link fails; may be null.
+ * @return KM_IO_OK; KM_IO_ERR_BAD_LOCATOR, KM_IO_ERR_NOT_FOUND,
+ *         KM_IO_ERR_BAD_OPTIONS, KM_IO_ERR_OPEN_FAILED,
+ *         KM_IO_ERR_DRIVER_UNAVAILABLE from the link; KM_IO_ERR_NO_FREE_HANDLE
+ *         when 64 devices are already open (the new device is closed again).
+ *
+ * Both callbacks run on the device's receiving thread, never under a library
+ * lock. They must not call KM_IO_Close(handle, 1) for their own handle.
+ */
+KM_IO_API uint32_t KM_IO_Open(uint32_t *handle, const char *locator, const char *options, void *userContext,
+                              KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError);
+
+/**
+ * Closes a device. The handle is free for reuse as soon as the call begins.
+ *
+ * @param handle handle from KM_IO_Open.
+ * @param wait   non-zero: return only after the device's receiving thread has
+ *               ended, so no callback for it runs afterwards. Zero: return at
+ *               once; callbacks may still run briefly while the thread ends.
+ * @return KM_IO_OK, or KM_IO_ERR_INVALID_HANDLE.
+ */
+KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait);
+
+/**
+ * Sends bytes to a device and returns when the link has accepted all of them.
+ * Sends to one device are serialised; a concurrent KM_IO_Close is safe.
+ *
+ * @param data   the bytes; may be null when length is 0.
+ * @param length number of bytes; 0 succeeds without touching the link.
+ * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_SEND_FAILED;
+ *         KM_IO_ERR_LINK_LOST (network: send timed out; USB: driver I/O error).
+ */
+KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
+
+/**
+ * Reads a property of an open device into a caller buffer (out-buffer
+ * convention above).
+ *
+ * Serial devices have no properties: every key reads as the empty text, with
+ * *ioSize set to 0; when the capacity is 0 the result is
+ * KM_IO_ERR_BUFFER_TOO_SMALL and *ioSize stays 0. Network devices answer
+ * KM_IO_ERR_UNKNOWN_PROPERTY for every key, with an empty output.
+ *
+ * @param key    NUL-terminated property key.
+ * @param value  caller buffer.
+ * @param ioSize in: capacity of value; out: length written or size needed.
+ * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_UNKNOWN_PROPERTY;
+ *         KM_IO_ERR_BUFFER_TOO_SMALL; KM_IO_ERR_NOT_SUPPORTED (USB: the driver
+ *         failed to read the property).
+ */
+KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *value, size_t *ioSize);
+
+/**
+ * Registers the process-wide event callback, or switches events off with a
+ * null callback. Events raised while none is registered are lost. After this
+ * function returns, the previous callback is never called again.
+ *
+ * The callback runs on a discovery thread, one call at a time, while the
+ * library's table lock is held. It must copy what it needs from the record
+ * and must not call KM_IO_Open, KM_IO_Close, KM_IO_Send, KM_IO_GetProperty,
+ * KM_IO_SetEventCallback or KM_IO_SetGlobalOptions: such a call fails with a
+ * C++ std::system_error (resource deadlock would occur) thrown through the
+ * caller. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
+ * called.
+ *
+ * @return KM_IO_OK.
+ */
+KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *userData);
+
+/**
+ * Reads an error event (type KM_IO_EVENT_ERROR): its code and message text.
+ *
+ * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE for other events (nothing
+ *         written); KM_IO_ERR_BUFFER_TOO_SMALL (*ioSize = length + 1; buffer and
+ *         *code untouched).
+ */
+KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *code, char *buffer, size_t *ioSize);
+
+/**
+ * Reads the device record of a discovery event (types
+ * KM_IO_EVENT_DEVICE_AVAILABLE and KM_IO_EVENT_DEVICE_UNAVAILABLE) as record
+ * text. Options: "only-locator" gives the bare locator; "include-KEY" selects
+ * keys (available, device-info, device-sn, device-type, iface, iface-type,
+ * locator, network-host, network-port, protocol-id, or all). Unknown keys are
+ * ignored. An "only-locator" value that is not a boolean throws
+ * std::invalid_argument through the caller (C++ callers only).
+ *
+ * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE; KM_IO_ERR_BUFFER_TOO_SMALL.
+ */
+KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const char *options, char *buffer,
+                                               size_t *ioSize);
+
+/**
+ * Tells whether KM_IO_EnumerateDevices can list an interface type on its own:
+ * writes 1 for KM_IO_IFACE_USB and KM_IO_IFACE_SERIAL, 0 for anything else
+ * (network devices are listed through KM_IO_IFACE_ALL).
+ *
+ * @return KM_IO_OK.
+ */
+KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *can);
+
+/**
+ * Lists devices as record text (out-buffer convention above).
+ *
+ * KM_IO_IFACE_SERIAL lists the serial locators, one per line (the option text
+ * is only searched for "force-rescan"). KM_IO_IFACE_USB lists USB devices.
+ * KM_IO_IFACE_ALL lists devices of the links named by "iface-type" lines
+ * ("usb", "network", "serial" or "all"; none given means all), USB first, then
+ * network, then serial. Network devices are found only on the interfaces named
+ * by "iface network:A.B.C.D" or "iface network:all" lines. Further options:
+ * "find-only-available" (default true), "find-protocol-id", "find-device-sn",
+ * "find-device-type", "find-usb-vid", "find-usb-pid", "find-usb-product-name",
+ * "discovery-timeout MS" (default 100), "force-rescan" (ignore the 3-second
+ * caches), "locator-format-network sn|host", "locator-format-usb sn|id",
+ * "only-locator", "include-KEY".
+ *
+ * @return KM_IO_OK; KM_IO_ERR_NOT_SUPPORTED for other interface types;
+ *         KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
+ *         KM_IO_ERR_ENUMERATION_FAILED; KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
+ */
+KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *options, char *buffer,
+                                          size_t *ioSize);
+
+/**
+ * Lists the host's network interfaces and serial ports as record text
+ * (out-buffer convention above). "iface-type network", "iface-type serial" or
+ * "iface-type all" choose what is listed (network interfaces first). Record
+ * keys: iface-type, network-host, network-subnet-mask, name (network) and
+ * iface-type, name, serial-port (serial). "include-KEY" selects keys;
+ * "only-KEY" prints only that key's value (at most one "only-" option).
+ *
+ * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
+ *         KM_IO_ERR_ENUMERATION_FAILED when the network interface list cannot
+ *         be read.
+ */
+KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char *options, char *buffer, size_t *ioSize);
+
+/**
+ * Sets process-wide discovery options:
+ *  - "locator-format-network sn|host": the locator form in discovery events.
+ *  - "discovery-iface network:A.B.C.D" (repeatable), "discovery-iface
+ *    network:all", or "discovery-iface network:none": the interfaces on which
+ *    background discovery runs and raises events; "none" ends all of it.
+ *
+ * Must not be called from the event callback.
+ *
+ * @return KM_IO_OK, or KM_IO_ERR_BAD_OPTIONS (the earlier settings stay in force).
+ */
+KM_IO_API uint32_t KM_IO_SetGlobalOptions(const char *options);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KMIO_KMIO_H */

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# The test command: installs what is missing, builds, runs the whole suite,
+# then builds and runs it again under AddressSanitizer and
+# UndefinedBehaviorSanitizer. Exits non-zero on any failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh
+
+run_suite() {
+    local preset=$1
+    echo "=== ${preset}: configure and build"
+    cmake --preset "${preset}" >/dev/null
+    cmake --build --preset "${preset}"
+    echo "=== ${preset}: test"
+    ctest --preset "${preset}" -j2 --output-on-failure
+}
+
+run_suite default
+run_suite asan
+echo "=== all suites passed"

@@ -1,0 +1,18 @@
+#include "devices/device_factory.h"
+
+namespace kmio {
+
+std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::string& locator,
+                                     const std::string& options, void* userContext,
+                                     KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError) {
+    // Each link's class is added here as it is implemented.
+    (void)interfaceType;
+    (void)locator;
+    (void)options;
+    (void)userContext;
+    (void)onReceive;
+    (void)onError;
+    return nullptr;
+}
+
+}  // namespace kmio

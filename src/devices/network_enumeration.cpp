@@ -1,0 +1,12 @@
+#include "devices/network_enumeration.h"
+
+#include "kmio/kmio.h"
+
+namespace kmio {
+
+// Placeholder until the network link lands: nothing discovered.
+std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions&, RecordList&) { return KM_IO_OK; }
+std::uint32_t enumerateNetworkInterfaces(RecordList&) { return KM_IO_OK; }
+std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions&) { return KM_IO_OK; }
+
+}  // namespace kmio

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "options/property_record.h"
+
+namespace kmio {
+
+// The serial link's enumeration, over the process-wide port cache.
+
+// Records ("iface-type", "locator") of the ports available at the last scan.
+std::uint32_t enumerateSerialDevices(bool forceRescan, RecordList& records);
+
+// Records ("iface-type", "name", "serial-port") of every port, from a fresh scan.
+std::uint32_t enumerateSerialInterfaces(RecordList& records);
+
+// KM_IO_EnumerateDevices(3): every cached port as "serial:NAME", one per line.
+std::uint32_t listSerialLocators(std::string_view optionsText, char* buffer, std::size_t* ioSize);
+
+}  // namespace kmio

@@ -1,0 +1,1 @@
+// Placeholder so the shared library builds; the exported functions follow.
