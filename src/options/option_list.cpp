@@ -18,8 +18,29 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-[[noreturn]] void conversionFailed(std::string_view key) {
+// The standard conversion errors never reach the caller: every getter reports
+// the key whose value did not convert.
+template <typename Convert>
+auto convertFor(std::string_view key, Convert convert) {
+    try {
+        return convert();
+    } catch (const std::invalid_argument&) {
+    } catch (const std::out_of_range&) {
+    }
     throw OptionsError("Conversion of " + std::string(key) + " failed");
+}
+
+// Calls visit with every value of key, in list order; false when there is none.
+template <typename Visit>
+bool forEachValue(const OptionList& list, std::string_view key, Visit visit) {
+    bool found = false;
+    for (const auto& [k, v] : list) {
+        if (k == key) {
+            found = true;
+            visit(v);
+        }
+    }
+    return found;
 }
 
 }  // namespace
@@ -144,23 +165,13 @@ const std::string* OptionReader::first(std::string_view key) {
 
 void OptionReader::get(std::string_view key, std::uint32_t& target) {
     if (const std::string* value = first(key)) {
-        try {
-            target = toUnsigned(*value);
-        } catch (const std::invalid_argument&) {
-            conversionFailed(key);
-        } catch (const std::out_of_range&) {
-            conversionFailed(key);
-        }
+        target = convertFor(key, [&] { return toUnsigned(*value); });
     }
 }
 
 void OptionReader::get(std::string_view key, bool& target) {
     if (const std::string* value = first(key)) {
-        try {
-            target = toBoolean(*value);
-        } catch (const std::invalid_argument&) {
-            conversionFailed(key);
-        }
+        target = convertFor(key, [&] { return toBoolean(*value); });
     }
 }
 
@@ -171,10 +182,8 @@ void OptionReader::get(std::string_view key, std::string& target) {
 }
 
 void OptionReader::get(std::string_view key, std::optional<std::uint32_t>& target) {
-    if (first(key) != nullptr) {
-        std::uint32_t number = 0;
-        get(key, number);
-        target = number;
+    if (const std::string* value = first(key)) {
+        target = convertFor(key, [&] { return toUnsigned(*value); });
     }
 }
 
@@ -188,16 +197,11 @@ void OptionReader::getSet(std::string_view key, std::vector<std::string>& target
     remember(key);
     std::vector<std::string> values;
     std::unordered_set<std::uint64_t> seen;
-    bool found = false;
-    for (const auto& [k, v] : list_) {
-        if (k != key) {
-            continue;
-        }
-        found = true;
+    const bool found = forEachValue(list_, key, [&](const std::string& v) {
         if (seen.insert(fnv1a64(v)).second) {
             values.push_back(v);
         }
-    }
+    });
     if (found) {
         target = std::move(values);
     }
@@ -206,20 +210,9 @@ void OptionReader::getSet(std::string_view key, std::vector<std::string>& target
 void OptionReader::getList(std::string_view key, std::vector<std::uint32_t>& target) {
     remember(key);
     std::vector<std::uint32_t> values;
-    bool found = false;
-    for (const auto& [k, v] : list_) {
-        if (k != key) {
-            continue;
-        }
-        found = true;
-        try {
-            values.push_back(toUnsigned(v));
-        } catch (const std::invalid_argument&) {
-            conversionFailed(key);
-        } catch (const std::out_of_range&) {
-            conversionFailed(key);
-        }
-    }
+    const bool found = forEachValue(list_, key, [&](const std::string& v) {
+        values.push_back(convertFor(key, [&] { return toUnsigned(v); }));
+    });
     if (found) {
         target = std::move(values);
     }
