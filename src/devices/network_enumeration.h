@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
+#include "options/locator.h"
 #include "options/option_sets.h"
 #include "options/property_record.h"
 
@@ -18,5 +20,12 @@ std::uint32_t enumerateNetworkInterfaces(RecordList& records);
 
 // KM_IO_SetGlobalOptions: locator format of events and background discovery interfaces.
 std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options);
+
+// Finds a network device by serial number for IoNetwork: first in the
+// discovery cache, then by a forced discovery on the "iface" interfaces.
+// KM_IO_OK with found filled; KM_IO_ERR_BAD_OPTIONS for an unparsable "iface"
+// list; KM_IO_ERR_NOT_FOUND for an empty interface set or no such device.
+std::uint32_t resolveNetworkSerialNumber(const std::string& serialNumber, const NetworkOpenOptions& options,
+                                         DiscoveredAddress& found);
 
 }  // namespace kmio
