@@ -1,6 +1,7 @@
 #include "devices/device_factory.h"
 
 #include "devices/io_network.h"
+#include "devices/io_serial.h"
 
 namespace kmio {
 
@@ -8,6 +9,9 @@ std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::str
                                      const std::string& options, void* userContext,
                                      KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError) {
     // Each link's class is added here as it is implemented.
+    if (interfaceType == KM_IO_IFACE_SERIAL) {
+        return std::make_shared<IoSerial>(locator, options, userContext, onReceive, onError);
+    }
     if (interfaceType == KM_IO_IFACE_NETWORK) {
         return std::make_shared<IoNetwork>(locator, options, userContext, onReceive, onError);
     }

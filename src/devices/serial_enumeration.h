@@ -8,6 +8,9 @@
 
 namespace kmio {
 
+class SerialPortCache;
+class SerialPortScanner;
+
 // The serial link's enumeration, over the process-wide port cache.
 
 // Records ("iface-type", "locator") of the ports available at the last scan.
@@ -18,5 +21,11 @@ std::uint32_t enumerateSerialInterfaces(RecordList& records);
 
 // KM_IO_EnumerateDevices(3): every cached port as "serial:NAME", one per line.
 std::uint32_t listSerialLocators(std::string_view optionsText, char* buffer, std::size_t* ioSize);
+
+// The same over a given cache or scanner, so that tests can use a fake tree.
+std::uint32_t enumerateSerialDevices(SerialPortCache& cache, bool forceRescan, RecordList& records);
+std::uint32_t enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records);
+std::uint32_t listSerialLocators(SerialPortCache& cache, std::string_view optionsText, char* buffer,
+                                 std::size_t* ioSize);
 
 }  // namespace kmio
