@@ -1,0 +1,177 @@
+// The commands that open a device: open (a terminal bridge) and send (one
+// message and its reply).
+#include "arg_parser.h"
+#include "command.h"
+#include "device_session.h"
+#include "hex_dump.h"
+#include "option_text.h"
+#include "result_text.h"
+#include "signal_watch.h"
+
+#include <kmio/kmio.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <stdexcept>
+
+namespace kmiotool {
+
+namespace {
+
+const std::vector<OptionSpec> kOpenOptions = {
+    {"option", 'o', true}, {"iface", 'i', true}, {"hex", 'x', false}};
+
+std::string openOptions(const ParsedArgs& parsed) {
+    OptionText options;
+    options.addAll(parsed.all("option"));
+    options.addInterfaces("iface", parsed.all("iface"));
+    return options.text();
+}
+
+bool openSession(DeviceSession& session, const ParsedArgs& parsed) {
+    std::uint32_t code = session.open(openOptions(parsed));
+    if (code != KM_IO_OK) {
+        reportFailure("cannot open " + session.locator(), code);
+        return false;
+    }
+    return true;
+}
+
+// Forwards one chunk of stdin to the device. Returns false at end of input or
+// when sending failed (then `status` says which).
+bool forwardStdin(DeviceSession& session, int& status) {
+    std::uint8_t buffer[4096];
+    ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
+        return true;
+    }
+    if (n <= 0) {
+        return false;  // end of input (a read error ends it the same way)
+    }
+    std::uint32_t code = session.send(buffer, static_cast<std::size_t>(n));
+    if (code != KM_IO_OK) {
+        reportFailure("cannot send to " + session.locator(), code);
+        status = kExitFailure;
+        return false;
+    }
+    return true;
+}
+
+int runOpen(const std::vector<std::string>& args) {
+    ParsedArgs parsed = ArgParser(kOpenOptions).parse(args, 1, 1);
+    SignalWatch signals;
+    DeviceSession session(parsed.positional[0], parsed.has("hex"));
+    if (!openSession(session, parsed)) {
+        return kExitFailure;
+    }
+    int status = kExitOk;
+    pollfd fds[3] = {{signals.fd(), POLLIN, 0}, {session.endFd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    while (true) {
+        if (::poll(fds, 3, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            status = kExitFailure;
+            break;
+        }
+        if (fds[0].revents != 0) {
+            break;  // Ctrl-C or SIGTERM: a normal end
+        }
+        if (fds[1].revents != 0) {
+            status = kExitFailure;  // the link error was already reported
+            break;
+        }
+        if (fds[2].revents != 0 && !forwardStdin(session, status)) {
+            break;
+        }
+    }
+    session.close();
+    return status;
+}
+
+int runSend(const std::vector<std::string>& args) {
+    std::vector<OptionSpec> specs = kOpenOptions;
+    specs.push_back({"wait", 'w', true});
+    ParsedArgs parsed = ArgParser(specs).parse(args, 2, 2);
+    auto waitMs = parseCount("wait", parsed.last("wait", "500"));
+    std::vector<std::uint8_t> data;
+    if (parsed.has("hex")) {
+        try {
+            data = decodeHex(parsed.positional[1]);
+        } catch (const std::invalid_argument& e) {
+            throw UsageError(std::string("DATA is not hex text: ") + e.what());
+        }
+    } else {
+        data.assign(parsed.positional[1].begin(), parsed.positional[1].end());
+    }
+
+    SignalWatch signals;
+    DeviceSession session(parsed.positional[0], parsed.has("hex"));
+    if (!openSession(session, parsed)) {
+        return kExitFailure;
+    }
+    if (std::uint32_t code = session.send(data.data(), data.size()); code != KM_IO_OK) {
+        reportFailure("cannot send to " + session.locator(), code);
+        return kExitFailure;
+    }
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
+    pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {session.endFd(), POLLIN, 0}};
+    while (true) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            break;
+        }
+        int ready = ::poll(fds, 2, static_cast<int>(std::min<long long>(left.count(), 60'000)));
+        if (ready > 0) {
+            break;  // a signal, or a link error that was already reported
+        }
+    }
+    session.close();
+    return session.failed() ? kExitFailure : kExitOk;
+}
+
+}  // namespace
+
+const Command& openCommand() {
+    static const Command command{
+        "open", "open a device and bridge it to this terminal",
+        "Usage: kmio open LOCATOR [-o \"key value\"]... [--iface ADDR]... [--hex]\n"
+        "\n"
+        "Opens the device and sends everything read from stdin to it; what the device\n"
+        "sends is written to stdout. Link errors are reported on stderr and end the\n"
+        "bridge. Ends at the end of input or on Ctrl-C, and closes the device.\n"
+        "\n"
+        "  -o, --option LINE  one option line for the link, e.g. -o \"baudrate 115200\"\n"
+        "                     for a serial port or -o \"port 55550\"; repeatable\n"
+        "  -i, --iface ADDR   interface to search when opening network:sn:SERIAL;\n"
+        "                     repeatable (\"all\" for every interface)\n"
+        "  -x, --hex          show received bytes as a hex dump\n"
+        "\n"
+        "Examples:\n"
+        "  kmio open serial:/dev/ttyUSB0 -o \"baudrate 115200\"\n"
+        "  kmio open network:192.168.1.20:55550\n"
+        "  kmio open network:sn:SIM0001 --iface 127.0.0.1\n",
+        runOpen};
+    return command;
+}
+
+const Command& sendCommand() {
+    static const Command command{
+        "send", "send one message to a device and print the reply",
+        "Usage: kmio send LOCATOR DATA [-o \"key value\"]... [--iface ADDR]... [--hex] [--wait MS]\n"
+        "\n"
+        "Opens the device, sends DATA once, writes what arrives within MS milliseconds\n"
+        "to stdout, and closes the device.\n"
+        "\n"
+        "  -o, --option LINE  one option line for the link; repeatable\n"
+        "  -i, --iface ADDR   interface to search when opening network:sn:SERIAL\n"
+        "  -x, --hex          DATA is hex text (\"48 65 6c 6c 6f\"); the reply is shown\n"
+        "                     as a hex dump\n"
+        "  -w, --wait MS      how long to wait for the reply (default 500)\n",
+        runSend};
+    return command;
+}
+
+}  // namespace kmiotool
