@@ -9,11 +9,6 @@ namespace {
 constexpr char kUpperHex[] = "0123456789ABCDEF";
 constexpr char kLowerHex[] = "0123456789abcdef";
 
-std::string dotted(std::uint32_t address) {
-    return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 0xFF) + "." +
-           std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
-}
-
 std::string lowerHex(unsigned value) {
     std::string digits;
     do {
@@ -31,8 +26,8 @@ std::string payloadText(const Packet& packet) {
             if (!readConfiguration(packet, config)) {
                 break;
             }
-            return ", IP: " + dotted(config.ipAddress) + ", Gateway: " + dotted(config.gateway) +
-                   ", SubnetMask: " + dotted(config.subnetMask) +
+            return ", IP: " + ipv4Text(config.ipAddress) + ", Gateway: " + ipv4Text(config.gateway) +
+                   ", SubnetMask: " + ipv4Text(config.subnetMask) +
                    ", DHCP: " + (config.dhcp ? "Enabled" : "Disabled");
         }
         case OpCode::SetDeviceInfo: {
@@ -66,6 +61,11 @@ std::string payloadText(const Packet& packet) {
 }
 
 }  // namespace
+
+std::string ipv4Text(std::uint32_t address) {
+    return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 0xFF) + "." +
+           std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
+}
 
 std::string_view opCodeName(OpCode opcode) {
     switch (opcode) {
