@@ -1,0 +1,124 @@
+// Calls the exported functions as an application would: this executable links
+// only the shared library and sees only the public header.
+
+#include <gtest/gtest.h>
+#include <kmio/kmio.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+TEST(ApiTest, ReportsVersion220) {
+    uint32_t major = 0, minor = 0, update = 9;
+    EXPECT_EQ(KM_IO_GetVersion(&major, &minor, &update), KM_IO_OK);
+    EXPECT_EQ(major * 10000 + minor * 100 + update, 20200u);
+}
+
+TEST(ApiTest, ClassifiesLocatorsByTheirPrefixOnly) {
+    const struct {
+        const char* locator;
+        uint32_t result;
+        uint32_t type;
+    } cases[] = {
+        {"usb:sn:KM1", KM_IO_OK, KM_IO_IFACE_USB},
+        {"usb:", KM_IO_OK, KM_IO_IFACE_USB},
+        {"usb:network:x", KM_IO_OK, KM_IO_IFACE_USB},
+        {"network:10.0.0.1", KM_IO_OK, KM_IO_IFACE_NETWORK},
+        {"serial:COM3", KM_IO_OK, KM_IO_IFACE_SERIAL},
+        {"usb", KM_IO_ERR_BAD_LOCATOR, 0},
+        {"Usb:sn:1", KM_IO_ERR_BAD_LOCATOR, 0},
+        {"USB:sn:1", KM_IO_ERR_BAD_LOCATOR, 0},
+        {":usb:sn:1", KM_IO_ERR_BAD_LOCATOR, 0},
+        {"usbnet:x", KM_IO_ERR_BAD_LOCATOR, 0},
+        {"", KM_IO_ERR_BAD_LOCATOR, 0},
+        {" usb:x", KM_IO_ERR_BAD_LOCATOR, 0},
+    };
+    for (const auto& c : cases) {
+        uint32_t type = 99;
+        EXPECT_EQ(KM_IO_GetLocatorInterfaceType(&type, c.locator), c.result) << c.locator;
+        EXPECT_EQ(type, c.type) << c.locator;
+    }
+}
+
+TEST(ApiTest, OpenRejectsUnknownPrefixesAndTreatsNullOptionsAsEmpty) {
+    uint32_t handle = 77;
+    EXPECT_EQ(KM_IO_Open(&handle, "bogus:1", nullptr, nullptr, nullptr, nullptr), KM_IO_ERR_BAD_LOCATOR);
+    EXPECT_EQ(handle, 0u);
+    // A network locator without any port fails the same way with null and "".
+    handle = 77;
+    const uint32_t withNull = KM_IO_Open(&handle, "network:127.0.0.1", nullptr, nullptr, nullptr, nullptr);
+    EXPECT_NE(withNull, KM_IO_OK);
+    EXPECT_EQ(handle, 0u);
+    EXPECT_EQ(KM_IO_Open(&handle, "network:127.0.0.1", "", nullptr, nullptr, nullptr), withNull);
+}
+
+TEST(ApiTest, BadHandlesGiveInvalidHandle) {
+    char value[8];
+    for (uint32_t handle : {64u, 1000u, 0xFFFFFFFFu, 0u, 63u}) {
+        size_t size = sizeof value;
+        EXPECT_EQ(KM_IO_Close(handle, 0), KM_IO_ERR_INVALID_HANDLE) << handle;
+        EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_ERR_INVALID_HANDLE) << handle;
+        EXPECT_EQ(KM_IO_Send(handle, "x", 1), KM_IO_ERR_INVALID_HANDLE) << handle;
+        EXPECT_EQ(KM_IO_GetProperty(handle, "name", value, &size), KM_IO_ERR_INVALID_HANDLE) << handle;
+    }
+}
+
+TEST(ApiTest, OnlyUsbAndSerialEnumerateOnTheirOwn) {
+    const uint32_t types[][2] = {{1, 1}, {2, 0}, {3, 1}, {9999, 0}, {0, 0}, {4, 0}};
+    for (const auto& [type, expected] : types) {
+        uint32_t can = 99;
+        EXPECT_EQ(KM_IO_CanEnumerateDevices(type, &can), KM_IO_OK);
+        EXPECT_EQ(can, expected) << type;
+    }
+    char buffer[16];
+    for (uint32_t type : {0u, 2u, 4u, 9998u}) {
+        size_t size = sizeof buffer;
+        EXPECT_EQ(KM_IO_EnumerateDevices(type, "", buffer, &size), KM_IO_ERR_NOT_SUPPORTED) << type;
+    }
+}
+
+TEST(ApiTest, BadOptionStringsGiveBadOptions) {
+    char buffer[256];
+    for (const char* options :
+         {"strict\nbogus 1", "discovery-timeout abc", "strict maybe", "only-locator yes"}) {
+        size_t size = sizeof buffer;
+        EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, buffer, &size), KM_IO_ERR_BAD_OPTIONS)
+            << options;
+    }
+    for (const char* options : {"strict\nbogus 1", "only-name\nonly-iface-type", "include-name x"}) {
+        size_t size = sizeof buffer;
+        EXPECT_EQ(KM_IO_EnumerateInterfaces(options, buffer, &size), KM_IO_ERR_BAD_OPTIONS) << options;
+    }
+    EXPECT_EQ(KM_IO_SetGlobalOptions("strict\nbogus 1"), KM_IO_ERR_BAD_OPTIONS);
+    EXPECT_EQ(KM_IO_SetGlobalOptions(nullptr), KM_IO_OK);
+    EXPECT_EQ(KM_IO_SetEventCallback(nullptr, nullptr), KM_IO_OK);
+}
+
+TEST(ApiTest, CombinedEnumerationFollowsTheBufferConvention) {
+    const char* options = "iface-type serial\ninclude-all";
+    size_t needed = 0;
+    ASSERT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, nullptr, &needed), KM_IO_ERR_BUFFER_TOO_SMALL);
+    ASSERT_GE(needed, 1u);
+
+    std::string buffer(needed + 1, '#');
+    size_t size = needed - 1;
+    EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, buffer.data(), &size),
+              KM_IO_ERR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(size, needed);
+    EXPECT_EQ(buffer, std::string(needed + 1, '#'));
+
+    size = needed;
+    EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, buffer.data(), &size), KM_IO_OK);
+    EXPECT_EQ(size, needed - 1);
+    EXPECT_EQ(std::strlen(buffer.c_str()), needed - 1);
+    EXPECT_EQ(buffer[needed], '#');
+
+    // A null option string is the empty one.
+    size_t withNull = 0, withEmpty = 0;
+    EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, nullptr, nullptr, &withNull),
+              KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, "", nullptr, &withEmpty));
+    EXPECT_EQ(withNull, withEmpty);
+}
+
+}  // namespace
