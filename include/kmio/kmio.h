@@ -172,7 +172,9 @@ KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *loc
  *
  * Options per link:
  *  - serial:  "baudrate N" (required, not 0), "xonxoff" (software flow control).
- *  - network: "port N" (when the locator has no port), "connect-timeout MS"
+ *  - network: "port N" (when the locator has no port; there is no default
+ *             port, so a locator without one and no "port" option gives
+ *             KM_IO_ERR_BAD_OPTIONS), "connect-timeout MS"
  *             (default 5000), "iface network:A.B.C.D" or "iface network:all"
  *             (interfaces on which a "network:sn:" locator is searched),
  *             "discovery-timeout MS" (default 100).
@@ -194,6 +196,13 @@ KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *loc
  *
  * Both callbacks run on the device's receiving thread, never under a library
  * lock. They must not call KM_IO_Close(handle, 1) for their own handle.
+ *
+ * Network devices: once the peer has closed the connection, onError receives
+ * KM_IO_ERR_LINK_LOST again on every pass of the receiving thread, without
+ * delay, until the application closes the device; deciding when to give up is
+ * the application's. Without onError, a failed receive is handed to onReceive
+ * with the receive call's -1 as its length, which arrives as SIZE_MAX: such a
+ * call carries no data, so register onError or check for that length.
  */
 KM_IO_API uint32_t KM_IO_Open(uint32_t *handle, const char *locator, const char *options, void *userContext,
                               KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError);

@@ -1,0 +1,225 @@
+#include "devices/io_network.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "tcp_peer.h"
+
+namespace kmio {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+// What the device handed to the application's callbacks.
+struct Sink {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::uint8_t> bytes;
+    std::size_t largestBlock = 0;
+    int lost = 0;    // KM_IO_ERR_LINK_LOST reports
+    int failed = 0;  // any other report
+
+    static void onReceive(void* context, const std::uint8_t* data, std::size_t length) {
+        auto* sink = static_cast<Sink*>(context);
+        std::lock_guard<std::mutex> lock(sink->mutex);
+        sink->bytes.insert(sink->bytes.end(), data, data + length);
+        sink->largestBlock = std::max(sink->largestBlock, length);
+        sink->changed.notify_all();
+    }
+    static void onError(void* context, std::uint32_t code) {
+        auto* sink = static_cast<Sink*>(context);
+        std::lock_guard<std::mutex> lock(sink->mutex);
+        ++(code == KM_IO_ERR_LINK_LOST ? sink->lost : sink->failed);
+        sink->changed.notify_all();
+    }
+    bool waitFor(const std::function<bool()>& done) {
+        std::unique_lock<std::mutex> lock(mutex);
+        return changed.wait_for(lock, 10s, done);
+    }
+};
+
+constexpr Ipv4 kLoopback = 0x7F000001;
+
+// Finds "SN1" at 127.0.0.1 on the given port; nothing else exists.
+SerialNumberResolver resolverFor(std::uint16_t port) {
+    return [port](const std::string& serial, const NetworkOpenOptions&, DiscoveredAddress& found) {
+        if (serial != "SN1") {
+            return KM_IO_ERR_NOT_FOUND;
+        }
+        found = {kLoopback, port};
+        return KM_IO_OK;
+    };
+}
+
+struct Opened {
+    std::shared_ptr<IoNetwork> device;
+    std::uint32_t result;
+    Clock::duration took;
+};
+
+Opened open(const std::string& locator, const std::string& options, Sink& sink,
+            SerialNumberResolver resolver = resolveNetworkSerialNumber) {
+    auto device = std::make_shared<IoNetwork>(locator, options, &sink, &Sink::onReceive, &Sink::onError,
+                                              std::move(resolver));
+    const auto start = Clock::now();
+    const std::uint32_t result = device->open(device);
+    return {device, result, Clock::now() - start};
+}
+
+TEST(IoNetwork, LocatorAndPortRulesReachTheirResults) {
+    test::TcpPeer peer;
+    std::uint16_t refusedPort = 0;
+    const UniqueFd boundOnly = test::loopbackSocket(-1, refusedPort);
+    const std::string p = std::to_string(peer.port());
+    // Labels longer than 63 bytes are rejected by the resolver itself, so no
+    // query leaves the machine; ".invalid" keeps the name unresolvable anyway.
+    const std::string unknownHost = std::string(70, 'a') + ".invalid";
+    const struct {
+        std::string locator, options;
+        std::uint32_t expected;
+    } cases[] = {
+        {"network:127.0.0.1:" + p, "", KM_IO_OK},
+        {"network:localhost:" + p, "", KM_IO_OK},
+        {"network:127.0.0.1", "port " + p, KM_IO_OK},
+        {"network:127.0.0.1:0", "port " + p, KM_IO_OK},
+        {"network:127.0.0.1:70000", "", KM_IO_ERR_BAD_OPTIONS},
+        {"network:127.0.0.1:abc", "", KM_IO_ERR_BAD_OPTIONS},
+        {"network:127.0.0.1", "", KM_IO_ERR_BAD_OPTIONS},
+        {"network:127.0.0.1:" + p, "port 70000", KM_IO_ERR_BAD_OPTIONS},
+        {"network:127.0.0.1:" + p, "port x", KM_IO_ERR_BAD_OPTIONS},
+        {"network:127.0.0.1:" + p, "strict\nbaudrate 9600", KM_IO_ERR_BAD_OPTIONS},
+        {"network:a:b:c", "", KM_IO_ERR_BAD_LOCATOR},
+        {"network:sn:SN1", "", KM_IO_OK},
+        {"network:sn:SN1:0", "", KM_IO_OK},
+        {"network:sn:SN2", "port " + p, KM_IO_ERR_NOT_FOUND},
+        {"network:" + unknownHost + ":" + p, "", KM_IO_ERR_NOT_FOUND},
+        {"network:127.0.0.1:" + std::to_string(refusedPort), "", KM_IO_ERR_NOT_FOUND},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.locator + " / " + c.options);
+        Sink sink;
+        Opened opened = open(c.locator, c.options, sink, resolverFor(peer.port()));
+        EXPECT_EQ(opened.result, c.expected);
+        // Well under the default 5 s connect timeout: a refused address and an
+        // unknown name fail at once.
+        EXPECT_LT(opened.took, 2s);
+        if (opened.result == KM_IO_OK) {
+            opened.device->close(true);
+        }
+    }
+}
+
+TEST(IoNetwork, ConnectTimeoutIsReadFromTheRawOptionText) {
+    // A listener whose accept queue is full drops new connection requests, so
+    // a connect to it waits for the whole timeout.
+    std::uint16_t port = 0;
+    const UniqueFd full = test::loopbackSocket(0, port);
+    const UniqueFd queued(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+    ASSERT_EQ(::connect(queued.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+
+    // The second line is unknown to the option set, so only the raw look-up,
+    // which finds the key inside the longer one, shortens the 5 s default.
+    for (const char* options : {"connect-timeout 300", "my-connect-timeout 300"}) {
+        SCOPED_TRACE(options);
+        Sink sink;
+        Opened opened = open("network:127.0.0.1:" + std::to_string(port), options, sink);
+        EXPECT_EQ(opened.result, KM_IO_ERR_NOT_FOUND);
+        EXPECT_GE(opened.took, 250ms);
+        EXPECT_LT(opened.took, 3s);
+    }
+}
+
+TEST(IoNetwork, MovesOneMebibyteBothWaysIntact) {
+    test::TcpPeer peer;
+    Sink sink;
+    Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
+    ASSERT_EQ(opened.result, KM_IO_OK);
+    std::vector<std::uint8_t> data(1 << 20);
+    for (std::size_t i = 0; i < data.size(); ++i) {
+        data[i] = static_cast<std::uint8_t>((i * 7) ^ (i >> 9));
+    }
+    EXPECT_EQ(opened.device->send(data.data(), data.size()), KM_IO_OK);
+    EXPECT_TRUE(sink.waitFor([&] { return sink.bytes.size() >= data.size(); }));
+    opened.device->close(true);
+    EXPECT_TRUE(sink.bytes == data);
+    EXPECT_LE(sink.largestBlock, 1024u);
+    EXPECT_EQ(sink.lost + sink.failed, 0);
+}
+
+TEST(IoNetwork, PeerCloseReportsLinkLostOnEveryPassUntilClosed) {
+    test::TcpPeer peer(/*echo=*/false);
+    Sink sink;
+    Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
+    ASSERT_EQ(opened.result, KM_IO_OK);
+    EXPECT_TRUE(sink.waitFor([&] { return sink.lost >= 5; }));
+
+    // The first bytes may still be accepted locally; the peer's reset then
+    // fails a later send, without killing the process by SIGPIPE.
+    const std::uint8_t byte = 0x55;
+    std::uint32_t sent = KM_IO_OK;
+    for (const auto start = Clock::now(); sent == KM_IO_OK && Clock::now() - start < 5s;) {
+        sent = opened.device->send(&byte, 1);
+    }
+    EXPECT_EQ(sent, KM_IO_ERR_SEND_FAILED);
+
+    const auto start = Clock::now();
+    opened.device->close(true);
+    EXPECT_LT(Clock::now() - start, 250ms);
+    std::lock_guard<std::mutex> lock(sink.mutex);
+    EXPECT_EQ(sink.failed, 0);
+    EXPECT_TRUE(sink.bytes.empty());
+}
+
+TEST(IoNetwork, CloseReturnsPromptlyAndReleasesTheDevice) {
+    test::TcpPeer peer;
+    const std::string locator = "network:127.0.0.1:" + std::to_string(peer.port());
+    for (int i = 0; i < 5; ++i) {
+        Sink sink;
+        Opened opened = open(locator, "", sink);
+        ASSERT_EQ(opened.result, KM_IO_OK);
+        const auto start = Clock::now();
+        opened.device->close(true);
+        EXPECT_LT(Clock::now() - start, 250ms);
+    }
+    // Without waiting, the receiving thread keeps the device alive until it ends.
+    Sink sink;
+    Opened opened = open(locator, "", sink);
+    ASSERT_EQ(opened.result, KM_IO_OK);
+    std::weak_ptr<IoNetwork> watch = opened.device;
+    opened.device->close(false);
+    opened.device.reset();
+    const auto start = Clock::now();
+    while (!watch.expired() && Clock::now() - start < 5s) {
+        std::this_thread::sleep_for(1ms);
+    }
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST(IoNetwork, EmptySendAndPropertiesTouchNothing) {
+    test::TcpPeer peer;
+    Sink sink;
+    Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
+    ASSERT_EQ(opened.result, KM_IO_OK);
+    EXPECT_EQ(opened.device->send(nullptr, 0), KM_IO_OK);
+
+    char value[8] = "stale";
+    std::size_t size = sizeof value;
+    EXPECT_EQ(opened.device->getProperty("network-host", value, &size), KM_IO_ERR_UNKNOWN_PROPERTY);
+    EXPECT_EQ(value[0], '\0');
+    EXPECT_EQ(size, 0u);
+    size = 0;
+    EXPECT_EQ(opened.device->getProperty("x", nullptr, &size), KM_IO_ERR_UNKNOWN_PROPERTY);
+    EXPECT_EQ(size, 0u);
+    opened.device->close(true);
+}
+
+}  // namespace
+}  // namespace kmio
