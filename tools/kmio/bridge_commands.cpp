@@ -76,7 +76,7 @@ int runOpen(const std::vector<std::string>& args) {
             status = kExitFailure;
             break;
         }
-        if (fds[0].revents != 0) {
+        if (fds[0].revents != 0 && signals.take() != 0) {
             break;  // Ctrl-C or SIGTERM: a normal end
         }
         if (fds[1].revents != 0) {
@@ -124,8 +124,8 @@ int runSend(const std::vector<std::string>& args) {
             break;
         }
         int ready = ::poll(fds, 2, static_cast<int>(std::min<long long>(left.count(), 60'000)));
-        if (ready > 0) {
-            break;  // a signal, or a link error that was already reported
+        if (ready > 0 && (fds[1].revents != 0 || signals.take() != 0)) {
+            break;  // a link error that was already reported, or Ctrl-C
         }
     }
     session.close();

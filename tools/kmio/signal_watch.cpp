@@ -28,6 +28,14 @@ SignalWatch::SignalWatch() {
     sigaction(SIGPIPE, &ignore, &oldPipeAction_);
 }
 
+int SignalWatch::take() {
+    signalfd_siginfo info{};
+    if (::read(fd_, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
+        return 0;
+    }
+    return static_cast<int>(info.ssi_signo);
+}
+
 SignalWatch::~SignalWatch() {
     ::close(fd_);
     sigaction(SIGPIPE, &oldPipeAction_, nullptr);

@@ -18,6 +18,10 @@ public:
     ~SignalWatch();
 
     int fd() const { return fd_; }
+    // Takes a caught signal off the descriptor and returns its number, or 0
+    // when none is pending. A signal left pending would strike as soon as the
+    // old mask comes back, so every caught one must be taken.
+    int take();
 
 private:
     sigset_t oldMask_;

@@ -9,7 +9,6 @@
 #include <kmio/kmio.h>
 #include <poll.h>
 
-#include <cerrno>
 #include <cstdio>
 
 namespace kmiotool {
@@ -66,7 +65,7 @@ int runWatch(const std::vector<std::string>& args) {
     }
     std::fprintf(stderr, "kmio: watching for network devices; Ctrl-C ends\n");
     pollfd fd{signals.fd(), POLLIN, 0};
-    while (::poll(&fd, 1, -1) < 0 && errno == EINTR) {
+    while (!(::poll(&fd, 1, -1) > 0 && signals.take() != 0)) {
     }
     KM_IO_SetGlobalOptions("discovery-iface network:none");
     KM_IO_SetEventCallback(nullptr, nullptr);
