@@ -130,8 +130,9 @@ typedef struct KM_IO_Event KM_IO_Event;
 
 /**
  * Receives a block of bytes from a device. Runs on the device's receiving
- * thread. `data` is valid only during the call. Must not call
- * KM_IO_Close(handle, 1) on its own device (that would wait for itself).
+ * thread. `data` is valid only during the call. KM_IO_Close(handle, 1) on its
+ * own device cannot wait for the thread it runs on: it returns at once, as
+ * KM_IO_Close(handle, 0) does.
  */
 typedef void (*KM_IO_ReceiveCallback)(void *userContext, const uint8_t *data, size_t length);
 
@@ -195,7 +196,8 @@ KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *loc
  *         when 64 devices are already open (the new device is closed again).
  *
  * Both callbacks run on the device's receiving thread, never under a library
- * lock. They must not call KM_IO_Close(handle, 1) for their own handle.
+ * lock. KM_IO_Close(handle, 1) for their own handle does not wait (see
+ * KM_IO_ReceiveCallback).
  *
  * Network devices: once the peer has closed the connection, onError receives
  * KM_IO_ERR_LINK_LOST again on every pass of the receiving thread, without
@@ -321,7 +323,8 @@ KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *op
 /**
  * Lists the host's network interfaces and serial ports as record text
  * (out-buffer convention above). "iface-type network", "iface-type serial" or
- * "iface-type all" choose what is listed (network interfaces first). Record
+ * "iface-type all" choose what is listed (network interfaces first; none
+ * given lists both). Record
  * keys: iface-type, network-host, network-subnet-mask, name (network) and
  * iface-type, name, serial-port (serial). "include-KEY" selects keys;
  * "only-KEY" prints only that key's value (at most one "only-" option).
@@ -341,7 +344,8 @@ KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char *options, char *buffer, 
  *
  * Must not be called from the event callback.
  *
- * @return KM_IO_OK, or KM_IO_ERR_BAD_OPTIONS (the earlier settings stay in force).
+ * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS (the earlier settings stay in force);
+ *         or the failure code of the discovery when it cannot apply them.
  */
 KM_IO_API uint32_t KM_IO_SetGlobalOptions(const char *options);
 
