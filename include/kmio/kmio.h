@@ -62,6 +62,23 @@
  * Which keys appear is chosen with "include-KEY" options ("include-all" for
  * every key); with "only-locator" the lines are the bare, unescaped locators.
  *
+ * Serial ports (Linux)
+ * --------------------
+ * A port is named by its device path ("serial:/dev/ttyUSB0"); enumeration
+ * lists the ttys of /sys/class/tty that belong to hardware, in natural name
+ * order (ttyS2 before ttyS10), without phantom 8250 ports. An open port is
+ * held exclusively (flock plus TIOCEXCL; the lock is also how enumeration
+ * tells that a port is in use): opening a port that another program holds
+ * gives KM_IO_ERR_OPEN_FAILED. The line is raw 8N1 with modem-status lines
+ * ignored (CLOCAL), DTR and RTS asserted; "baudrate" takes any rate, rates
+ * without a Bnnn constant through termios2, and a rate the driver refuses or
+ * cannot come within 2.5 % of gives KM_IO_ERR_OPEN_FAILED. "xonxoff" turns on
+ * IXON and IXOFF. Received bytes arrive in blocks of at most 1024 bytes. A
+ * hang-up or read failure is reported once as KM_IO_ERR_LINK_FAILED; after it
+ * nothing more is received, and the handle stays open until closed.
+ * KM_IO_Send has no time limit (a peer that holds XOFF blocks it); closing
+ * the handle makes a blocked send return KM_IO_ERR_SEND_FAILED.
+ *
  * Threads
  * -------
  * Every function may be called from any thread. The receive and link-error

@@ -1,0 +1,17 @@
+// termios2 cannot share a file with <termios.h>, hence this file of its own.
+#include <asm/termbits.h>
+#include <sys/ioctl.h>
+
+#include <cstdint>
+
+namespace kmio::test {
+
+std::uint32_t readBackLineSpeed(int fd) {
+    struct termios2 settings {};
+    if (::ioctl(fd, TCGETS2, &settings) != 0) {
+        return 0;
+    }
+    return (settings.c_cflag & CBAUD) == BOTHER ? settings.c_ospeed : 0;
+}
+
+}  // namespace kmio::test

@@ -1,0 +1,93 @@
+#pragma once
+
+#include <pty.h>
+#include <termios.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "devices/device_factory.h"
+#include "platform/unique_fd.h"
+
+namespace kmio::test {
+
+// A pseudo-terminal standing in for a serial port: the library opens the
+// slave by its path, the test drives the master. The test keeps its own
+// slave descriptor too, to read back the line settings.
+struct PtyPair {
+    UniqueFd master;
+    UniqueFd slave;
+    std::string slavePath;
+
+    PtyPair() {
+        int m = -1;
+        int s = -1;
+        char name[128] = {};
+        if (::openpty(&m, &s, name, nullptr, nullptr) != 0) {
+            throw std::runtime_error("openpty failed");
+        }
+        master.reset(m);
+        slave.reset(s);
+        slavePath = name;
+        termios raw{};
+        ::tcgetattr(m, &raw);
+        ::cfmakeraw(&raw);
+        ::tcsetattr(m, TCSANOW, &raw);
+    }
+    std::string locator() const { return "serial:" + slavePath; }
+};
+
+// Collects what a device's callbacks deliver.
+struct Sink {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::uint8_t> bytes;
+    std::size_t largestBlock = 0;
+    std::vector<std::uint32_t> errors;
+    bool closed = false;  // set by the test once close(true) returned
+    int callsAfterClose = 0;
+
+    static void onReceive(void* context, const std::uint8_t* data, std::size_t length) {
+        auto* sink = static_cast<Sink*>(context);
+        std::lock_guard lock(sink->mutex);
+        sink->bytes.insert(sink->bytes.end(), data, data + length);
+        sink->largestBlock = std::max(sink->largestBlock, length);
+        sink->callsAfterClose += sink->closed ? 1 : 0;
+        sink->changed.notify_all();
+    }
+    static void onError(void* context, std::uint32_t code) {
+        auto* sink = static_cast<Sink*>(context);
+        std::lock_guard lock(sink->mutex);
+        sink->errors.push_back(code);
+        sink->callsAfterClose += sink->closed ? 1 : 0;
+        sink->changed.notify_all();
+    }
+    bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(20)) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, limit, done);
+    }
+    void markClosed() {
+        std::lock_guard lock(mutex);
+        closed = true;
+    }
+};
+
+// Creates and opens a serial device the way KM_IO_Open does.
+inline std::shared_ptr<IoDevice> openSerial(const std::string& locator, const std::string& options,
+                                            Sink& sink, std::uint32_t& result) {
+    auto device = makeDevice(KM_IO_IFACE_SERIAL, locator, options, &sink, &Sink::onReceive, &Sink::onError);
+    result = device->open(device);
+    return result == KM_IO_OK ? device : nullptr;
+}
+
+// The output rate of a terminal as termios2 reports it (line_speed_readback.cpp).
+std::uint32_t readBackLineSpeed(int fd);
+
+}  // namespace kmio::test
