@@ -1,0 +1,161 @@
+// kmio open and send over a pseudo-terminal: the tool opens the slave as a
+// serial port, the test plays the device at the master.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "child_process.h"
+
+namespace kmio::clitest {
+namespace {
+
+// A pty pair whose descriptors the tool does not inherit, so that closing the
+// master here really hangs the line up.
+class Pty {
+public:
+    Pty() {
+        char name[128] = {};
+        if (::openpty(&master_, &slave_, name, nullptr, nullptr) != 0) {
+            throw std::runtime_error("openpty failed");
+        }
+        ::fcntl(master_, F_SETFD, FD_CLOEXEC);
+        ::fcntl(slave_, F_SETFD, FD_CLOEXEC);
+        termios raw{};
+        ::tcgetattr(master_, &raw);
+        ::cfmakeraw(&raw);
+        ::tcsetattr(master_, TCSANOW, &raw);
+        path_ = name;
+    }
+    ~Pty() {
+        closeMaster();
+        ::close(slave_);
+    }
+    std::string locator() const { return "serial:" + path_; }
+
+    void write(const std::string& bytes) {
+        ASSERT_EQ(::write(master_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    }
+    // Reads at the master until `needle` arrived; returns everything read.
+    std::string readUntil(const std::string& needle) {
+        std::string got;
+        auto deadline = std::chrono::steady_clock::now() + kPatience;
+        while (got.find(needle) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+            pollfd fd{master_, POLLIN, 0};
+            if (::poll(&fd, 1, 100) == 1) {
+                char buffer[4096];
+                ssize_t n = ::read(master_, buffer, sizeof buffer);
+                if (n > 0) {
+                    got.append(buffer, static_cast<std::size_t>(n));
+                }
+            }
+        }
+        return got;
+    }
+    void closeMaster() {
+        if (master_ >= 0) {
+            ::close(master_);
+            master_ = -1;
+        }
+    }
+
+private:
+    int master_ = -1;
+    int slave_ = -1;
+    std::string path_;
+};
+
+std::size_t count(const std::string& text, const std::string& needle) {
+    std::size_t n = 0;
+    for (auto at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+// Starts `kmio open` on the pty and proves the port is open by one byte
+// round through the tool's stdin to the master.
+std::unique_ptr<ChildProcess> openBridge(Pty& pty, std::vector<std::string> extra = {}) {
+    std::vector<std::string> args = {"open", pty.locator(), "-o", "baudrate 115200"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    auto child = std::make_unique<ChildProcess>(args);
+    child->writeStdin("ping\n");
+    EXPECT_EQ(pty.readUntil("ping\n"), "ping\n") << child->err();
+    return child;
+}
+
+TEST(KmioCliPty, OpenBridgesStdinAndStdoutToThePort) {
+    Pty pty;
+    auto child = openBridge(pty);
+    // A larger block in both directions, to see that nothing is lost or reordered.
+    std::string block;
+    for (int i = 0; i < 5000; ++i) {
+        block += static_cast<char>('a' + i % 26);
+    }
+    child->writeStdin(block);
+    EXPECT_EQ(pty.readUntil(block), block);
+    pty.write(block + "END");
+    EXPECT_TRUE(child->waitForStdout("END")) << child->err();
+    EXPECT_EQ(child->out(), block + "END");
+    child->closeStdin();
+    EXPECT_EQ(child->wait(), 0) << child->err();
+    EXPECT_EQ(child->err(), "");
+}
+
+TEST(KmioCliPty, OpenShowsHexDump) {
+    Pty pty;
+    auto child = openBridge(pty, {"--hex"});
+    pty.write("AB\x01");
+    EXPECT_TRUE(child->waitForStdout("|AB.|\n")) << child->out();
+    EXPECT_EQ(child->out().rfind("00000000  41 42 01 ", 0), 0u) << child->out();
+    child->closeStdin();
+    EXPECT_EQ(child->wait(), 0);
+}
+
+TEST(KmioCliPty, HangUpIsReportedOnceAndEndsTheBridge) {
+    Pty pty;
+    auto child = openBridge(pty);
+    pty.closeMaster();
+    EXPECT_EQ(child->wait(), 1);
+    EXPECT_EQ(count(child->err(), "(8)"), 1u) << child->err();
+    EXPECT_NE(child->err().find("link error on " + pty.locator()), std::string::npos) << child->err();
+}
+
+TEST(KmioCliPty, InterruptClosesTheBridgeCleanly) {
+    for (int signal : {SIGINT, SIGTERM}) {
+        Pty pty;
+        auto child = openBridge(pty);
+        ASSERT_EQ(::kill(child->pid(), signal), 0);
+        EXPECT_EQ(child->wait(), 0) << signal << ": " << child->err();
+        EXPECT_EQ(child->err(), "");
+    }
+}
+
+TEST(KmioCliPty, SendDecodesHexAndPrintsTheReply) {
+    Pty pty;
+    ChildProcess child(
+        {"send", pty.locator(), "68 69 0a", "--hex", "--wait", "3000", "-o", "baudrate 115200"});
+    child.closeStdin();
+    EXPECT_EQ(pty.readUntil("hi\n"), "hi\n");
+    pty.write("ok");
+    EXPECT_EQ(child.wait(), 0) << child.err();
+    EXPECT_EQ(child.out(), "00000000  6f 6b" + std::string(14 * 3, ' ') + "  |ok|\n");
+}
+
+TEST(KmioCliPty, SecondOpenOfABusyPortFails) {
+    Pty pty;
+    auto first = openBridge(pty);
+    RunResult second = runKmio({"send", pty.locator(), "x", "-o", "baudrate 115200"});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_EQ(second.err, "kmio: cannot open " + pty.locator() + ": the link could not be opened (5)\n");
+    first->closeStdin();
+    EXPECT_EQ(first->wait(), 0);
+}
+
+}  // namespace
+}  // namespace kmio::clitest
