@@ -1,4 +1,4 @@
-// Calls the exported functions as an application would: this executable links
+// Calls the exported functions as an application does: this executable links
 // only the shared library and sees only the public header.
 
 #include <gtest/gtest.h>
@@ -9,53 +9,39 @@
 
 namespace {
 
-TEST(ApiTest, ReportsVersion220) {
+TEST(ApiTest, VersionAndLocatorClassification) {
     uint32_t major = 0, minor = 0, update = 9;
     EXPECT_EQ(KM_IO_GetVersion(&major, &minor, &update), KM_IO_OK);
     EXPECT_EQ(major * 10000 + minor * 100 + update, 20200u);
-}
 
-TEST(ApiTest, ClassifiesLocatorsByTheirPrefixOnly) {
-    const struct {
-        const char* locator;
-        uint32_t result;
-        uint32_t type;
-    } cases[] = {
-        {"usb:sn:KM1", KM_IO_OK, KM_IO_IFACE_USB},
-        {"usb:", KM_IO_OK, KM_IO_IFACE_USB},
-        {"usb:network:x", KM_IO_OK, KM_IO_IFACE_USB},
-        {"network:10.0.0.1", KM_IO_OK, KM_IO_IFACE_NETWORK},
-        {"serial:COM3", KM_IO_OK, KM_IO_IFACE_SERIAL},
-        {"usb", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"Usb:sn:1", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"USB:sn:1", KM_IO_ERR_BAD_LOCATOR, 0},
-        {":usb:sn:1", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"usbnet:x", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"", KM_IO_ERR_BAD_LOCATOR, 0},
-        {" usb:x", KM_IO_ERR_BAD_LOCATOR, 0},
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"usb:sn:KM1", 1}, {"usb:", 1},     {"usb:network:x", 1}, {"network:10.0.0.1", 2}, {"serial:COM3", 3},
+        {"usb", 0},        {"Usb:sn:1", 0}, {"USB:sn:1", 0},      {":usb:sn:1", 0},        {"usbnet:x", 0},
+        {"", 0},           {" usb:x", 0},
     };
-    for (const auto& c : cases) {
+    for (const auto& [locator, expected] : cases) {
         uint32_t type = 99;
-        EXPECT_EQ(KM_IO_GetLocatorInterfaceType(&type, c.locator), c.result) << c.locator;
-        EXPECT_EQ(type, c.type) << c.locator;
+        EXPECT_EQ(KM_IO_GetLocatorInterfaceType(&type, locator),
+                  expected != 0 ? KM_IO_OK : KM_IO_ERR_BAD_LOCATOR)
+            << locator;
+        EXPECT_EQ(type, expected) << locator;
     }
 }
 
-TEST(ApiTest, OpenRejectsUnknownPrefixesAndTreatsNullOptionsAsEmpty) {
+TEST(ApiTest, OpenRejectsUnknownPrefixesAndTakesNullOptionsAsEmpty) {
     uint32_t handle = 77;
     EXPECT_EQ(KM_IO_Open(&handle, "bogus:1", nullptr, nullptr, nullptr, nullptr), KM_IO_ERR_BAD_LOCATOR);
     EXPECT_EQ(handle, 0u);
-    // A network locator without any port fails the same way with null and "".
     handle = 77;
     const uint32_t withNull = KM_IO_Open(&handle, "network:127.0.0.1", nullptr, nullptr, nullptr, nullptr);
-    EXPECT_NE(withNull, KM_IO_OK);
+    EXPECT_NE(withNull, KM_IO_OK);  // no port anywhere
     EXPECT_EQ(handle, 0u);
     EXPECT_EQ(KM_IO_Open(&handle, "network:127.0.0.1", "", nullptr, nullptr, nullptr), withNull);
 }
 
 TEST(ApiTest, BadHandlesGiveInvalidHandle) {
     char value[8];
-    for (uint32_t handle : {64u, 1000u, 0xFFFFFFFFu, 0u, 63u}) {
+    for (uint32_t handle : {64u, 0xFFFFFFFFu, 0u, 63u}) {
         size_t size = sizeof value;
         EXPECT_EQ(KM_IO_Close(handle, 0), KM_IO_ERR_INVALID_HANDLE) << handle;
         EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_ERR_INVALID_HANDLE) << handle;
@@ -65,16 +51,15 @@ TEST(ApiTest, BadHandlesGiveInvalidHandle) {
 }
 
 TEST(ApiTest, OnlyUsbAndSerialEnumerateOnTheirOwn) {
-    const uint32_t types[][2] = {{1, 1}, {2, 0}, {3, 1}, {9999, 0}, {0, 0}, {4, 0}};
+    const uint32_t types[][2] = {{1, 1}, {2, 0}, {3, 1}, {9999, 0}, {0, 0}};
     for (const auto& [type, expected] : types) {
         uint32_t can = 99;
         EXPECT_EQ(KM_IO_CanEnumerateDevices(type, &can), KM_IO_OK);
         EXPECT_EQ(can, expected) << type;
-    }
-    char buffer[16];
-    for (uint32_t type : {0u, 2u, 4u, 9998u}) {
-        size_t size = sizeof buffer;
-        EXPECT_EQ(KM_IO_EnumerateDevices(type, "", buffer, &size), KM_IO_ERR_NOT_SUPPORTED) << type;
+        size_t size = 0;
+        if (expected == 0 && type != KM_IO_IFACE_ALL) {
+            EXPECT_EQ(KM_IO_EnumerateDevices(type, "", nullptr, &size), KM_IO_ERR_NOT_SUPPORTED) << type;
+        }
     }
 }
 
@@ -100,25 +85,16 @@ TEST(ApiTest, CombinedEnumerationFollowsTheBufferConvention) {
     size_t needed = 0;
     ASSERT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, nullptr, &needed), KM_IO_ERR_BUFFER_TOO_SMALL);
     ASSERT_GE(needed, 1u);
-
     std::string buffer(needed + 1, '#');
     size_t size = needed - 1;
     EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, buffer.data(), &size),
               KM_IO_ERR_BUFFER_TOO_SMALL);
     EXPECT_EQ(size, needed);
     EXPECT_EQ(buffer, std::string(needed + 1, '#'));
-
-    size = needed;
     EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options, buffer.data(), &size), KM_IO_OK);
     EXPECT_EQ(size, needed - 1);
     EXPECT_EQ(std::strlen(buffer.c_str()), needed - 1);
     EXPECT_EQ(buffer[needed], '#');
-
-    // A null option string is the empty one.
-    size_t withNull = 0, withEmpty = 0;
-    EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, nullptr, nullptr, &withNull),
-              KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, "", nullptr, &withEmpty));
-    EXPECT_EQ(withNull, withEmpty);
 }
 
 }  // namespace

@@ -3,17 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-#include <string>
 
 #include "kmio/kmio.h"
 
 namespace kmio {
 namespace {
 
-KM_IO_Event discoveryEvent(std::uint32_t type) {
+KM_IO_Event makeEvent(std::uint32_t type) {
     KM_IO_Event event;
     event.type = type;
-    event.interfaceType = KM_IO_IFACE_NETWORK;
+    event.code = 13;
+    event.message = "discovery failed";
     event.properties.set("iface-type", "network");
     event.properties.set("device-sn", "KM42");
     event.properties.set("locator", "network:sn:KM42");
@@ -21,36 +21,24 @@ KM_IO_Event discoveryEvent(std::uint32_t type) {
     return event;
 }
 
-std::string discoveryText(const KM_IO_Event& event, const char* options) {
-    char buffer[256];
-    std::size_t size = sizeof buffer;
-    EXPECT_EQ(readDiscoveryEventData(event, options, buffer, &size), KM_IO_OK) << options;
-    return std::string(buffer, size);
-}
-
 TEST(EventDataTest, AccessorsRefuseTheOtherEventTypes) {
-    KM_IO_Event error;
-    error.type = KM_IO_EVENT_ERROR;
-    char buffer[16] = "untouched";
+    char buffer[8] = "keep";
     std::size_t size = sizeof buffer;
     std::uint32_t code = 99;
-    EXPECT_EQ(readDiscoveryEventData(error, "", buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
-    for (std::uint32_t type : {KM_IO_EVENT_DEVICE_AVAILABLE, KM_IO_EVENT_DEVICE_UNAVAILABLE, 3u}) {
-        EXPECT_EQ(readErrorEventData(discoveryEvent(type), &code, buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
+    for (std::uint32_t type : {1u, 2u, 3u}) {
+        EXPECT_EQ(readErrorEventData(makeEvent(type), &code, buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
     }
-    EXPECT_EQ(readDiscoveryEventData(discoveryEvent(3), "", buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
+    for (std::uint32_t type : {0u, 3u}) {
+        EXPECT_EQ(readDiscoveryEventData(makeEvent(type), "", buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
+    }
     EXPECT_EQ(size, sizeof buffer);
     EXPECT_EQ(code, 99u);
-    EXPECT_STREQ(buffer, "untouched");
+    EXPECT_STREQ(buffer, "keep");
 }
 
 TEST(EventDataTest, ErrorDataFollowsTheBufferConventionToTheByte) {
-    KM_IO_Event error;
-    error.type = KM_IO_EVENT_ERROR;
-    error.code = 13;
-    error.message = "discovery failed";
+    const KM_IO_Event error = makeEvent(KM_IO_EVENT_ERROR);
     const std::size_t n = error.message.size();
-
     std::string buffer(n + 1, '#');
     std::size_t size = n;
     std::uint32_t code = 99;
@@ -63,21 +51,11 @@ TEST(EventDataTest, ErrorDataFollowsTheBufferConventionToTheByte) {
     EXPECT_EQ(size, n);
     EXPECT_EQ(code, 13u);
     EXPECT_EQ(buffer, error.message + '\0');
-
-    const KM_IO_Event event = discoveryEvent(KM_IO_EVENT_DEVICE_AVAILABLE);
-    std::string one(1, '#');
-    size = 0;
-    EXPECT_EQ(readDiscoveryEventData(event, "only-locator", one.data(), &size), KM_IO_ERR_BUFFER_TOO_SMALL);
-    EXPECT_EQ(size, std::string("network:sn:KM42").size() + 1);
-    EXPECT_EQ(one, "#");
 }
 
 TEST(EventDataTest, DiscoveryDataOptions) {
-    const KM_IO_Event event = discoveryEvent(KM_IO_EVENT_DEVICE_UNAVAILABLE);
-    const struct {
-        const char* options;
-        std::string text;
-    } cases[] = {
+    const KM_IO_Event event = makeEvent(KM_IO_EVENT_DEVICE_UNAVAILABLE);
+    const std::pair<const char*, std::string> cases[] = {
         {"", ""},
         {"only-locator", "network:sn:KM42"},
         {"only-locator on\ninclude-all", "network:sn:KM42"},
@@ -89,12 +67,18 @@ TEST(EventDataTest, DiscoveryDataOptions) {
          "locator=network:sn:KM42|device-sn=KM42"},
         {"Include-locator\ninclude-", ""},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(discoveryText(event, c.options), c.text) << c.options;
+    for (const auto& [options, text] : cases) {
+        char buffer[128];
+        std::size_t size = sizeof buffer;
+        EXPECT_EQ(readDiscoveryEventData(event, options, buffer, &size), KM_IO_OK) << options;
+        EXPECT_EQ(std::string(buffer, size), text) << options;
     }
     char buffer[64];
     std::size_t size = sizeof buffer;
     EXPECT_THROW(readDiscoveryEventData(event, "only-locator maybe", buffer, &size), std::invalid_argument);
+    size = 0;
+    EXPECT_EQ(readDiscoveryEventData(event, "only-locator", nullptr, &size), KM_IO_ERR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(size, 16u);
 }
 
 }  // namespace
