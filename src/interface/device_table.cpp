@@ -134,14 +134,15 @@ std::uint32_t DeviceTable::close(std::uint32_t handle, bool wait) {
 }
 
 std::shared_ptr<IoDevice> DeviceTable::deviceAt(std::uint32_t handle) {
+    // A handle past the table can never be valid; no need to lock for it.
+    if (handle >= kSlotCount) {
+        return nullptr;
+    }
     std::unique_lock<std::mutex> lock = lockTable();
     return slots_[handle];
 }
 
 std::uint32_t DeviceTable::send(std::uint32_t handle, const std::uint8_t* data, std::size_t length) {
-    if (handle >= kSlotCount) {
-        return KM_IO_ERR_INVALID_HANDLE;
-    }
     const std::shared_ptr<IoDevice> device = deviceAt(handle);
     if (!device) {
         return KM_IO_ERR_INVALID_HANDLE;
@@ -155,9 +156,6 @@ std::uint32_t DeviceTable::send(std::uint32_t handle, const std::uint8_t* data, 
 
 std::uint32_t DeviceTable::getProperty(std::uint32_t handle, const char* key, char* value,
                                        std::size_t* ioSize) {
-    if (handle >= kSlotCount) {
-        return KM_IO_ERR_INVALID_HANDLE;
-    }
     const std::shared_ptr<IoDevice> device = deviceAt(handle);
     if (!device) {
         return KM_IO_ERR_INVALID_HANDLE;

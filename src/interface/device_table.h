@@ -77,6 +77,7 @@ private:
     // event callback and so already holds it.
     std::unique_lock<std::mutex> lockTable();
     void throwIfInEventCallback() const;
+    // A copy of the slot's reference; null for an empty slot or a bad handle.
     std::shared_ptr<IoDevice> deviceAt(std::uint32_t handle);
 
     DeviceFactory factory_;
