@@ -17,51 +17,6 @@ using namespace std::chrono_literals;
 using ndtest::Bytes;
 using ndtest::kLoopback;
 
-// Device side of the tests, on plain sockets: answers every Discover Request
-// that reaches 127.255.255.255:65111 by unicast to its source.
-class Responder {
-public:
-    Responder() : listener_(ndtest::kLoopbackBroadcast, 65111), sender_(kLoopback, 0) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~Responder() {
-        stop_ = true;
-        thread_.join();
-    }
-    // The raw request answered last.
-    Bytes lastRequest() {
-        const std::lock_guard lock(mutex_);
-        return lastRequest_;
-    }
-    // Unicast to the host's port, as a device's reply travels.
-    void sendToHost(const Bytes& datagram) const { sender_.sendTo(kLoopback, 65111, datagram); }
-
-private:
-    void run() {
-        while (!stop_) {
-            auto d = listener_.receive(100ms);
-            if (!d || d->bytes.size() < 96 || d->bytes[3] != 0x21 || d->bytes[4] != 'P') {
-                continue;
-            }
-            {
-                const std::lock_guard lock(mutex_);
-                lastRequest_ = d->bytes;
-            }
-            // Protocol 42, available, port 55550, info "sim".
-            const Bytes reply = ndtest::handDatagram(0xA1, 1, 7, "nd-responder", ndtest::tokenOf(d->bytes),
-                                                     {42, 1, 0xFE, 0xD8, 3, 's', 'i', 'm', 0});
-            sender_.sendTo(d->source, d->sourcePort, reply);
-        }
-    }
-
-    ndtest::UdpSocket listener_;
-    ndtest::UdpSocket sender_;
-    std::atomic<bool> stop_{false};
-    std::mutex mutex_;
-    Bytes lastRequest_;
-    std::thread thread_;
-};
-
 // Collects what a listener sees.
 class Seen {
 public:
@@ -119,7 +74,7 @@ protected:
         ASSERT_TRUE(seen.waitFor(serial));
     }
 
-    Responder responder;
+    ndtest::Responder responder;
     Host host;
     Seen seen;
     int syncCount = 0;

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "discovery/discovery_log.h"
@@ -172,6 +174,56 @@ inline TokenBytes tokenOf(const Bytes& datagram) {
     }
     return t;
 }
+
+// Device side of the tests, on plain sockets: answers every Discover Request
+// that reaches 127.255.255.255:65111 by unicast to its source.
+class Responder {
+public:
+    explicit Responder(std::string serial = "nd-responder")
+        : serial_(std::move(serial)), listener_(kLoopbackBroadcast, 65111), sender_(kLoopback, 0) {
+        thread_ = std::thread([this] { run(); });
+    }
+    ~Responder() {
+        stop_ = true;
+        thread_.join();
+    }
+    // A silent responder hears requests but does not answer.
+    void setSilent(bool silent) { silent_ = silent; }
+    // The raw request answered last.
+    Bytes lastRequest() {
+        const std::lock_guard lock(mutex_);
+        return lastRequest_;
+    }
+    // Unicast to the host's port, as a device's reply travels.
+    void sendToHost(const Bytes& datagram) const { sender_.sendTo(kLoopback, 65111, datagram); }
+
+private:
+    void run() {
+        while (!stop_) {
+            auto d = listener_.receive(std::chrono::milliseconds(100));
+            if (!d || silent_ || d->bytes.size() < 96 || d->bytes[3] != 0x21 || d->bytes[4] != 'P') {
+                continue;
+            }
+            {
+                const std::lock_guard lock(mutex_);
+                lastRequest_ = d->bytes;
+            }
+            // Protocol 42, available, port 55550, info "sim".
+            const Bytes reply = handDatagram(0xA1, 1, 7, serial_, tokenOf(d->bytes),
+                                             {42, 1, 0xFE, 0xD8, 3, 's', 'i', 'm', 0});
+            sender_.sendTo(d->source, d->sourcePort, reply);
+        }
+    }
+
+    std::string serial_;
+    UdpSocket listener_;
+    UdpSocket sender_;
+    std::atomic<bool> stop_{false};
+    std::atomic<bool> silent_{false};
+    std::mutex mutex_;
+    Bytes lastRequest_;
+    std::thread thread_;
+};
 
 // Collects the discovery log's lines while it lives, with every level enabled.
 class LogCapture {
