@@ -48,6 +48,7 @@ void IoSerial::close(bool wait) {
     // The stop event also wakes a send that waits for room in the port, so
     // that close never hangs behind a peer that stopped reading.
     receiver_.stop(wait, [this] {
+        stopping_ = true;
         if (stop_) {
             stop_->signal();
         }

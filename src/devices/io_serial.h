@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -46,6 +47,7 @@ private:
     ReceiverThread receiver_;
     UniqueFd port_;
     std::optional<WakeEvent> stop_;
+    std::atomic<bool> stopping_{false};  // lets a burst of reads end early on close
 };
 
 }  // namespace kmio

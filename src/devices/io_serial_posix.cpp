@@ -157,10 +157,17 @@ void IoSerial::receiveLoop() {
         }
         const short events = fds[1].revents;
         if ((events & POLLIN) != 0) {
-            const ssize_t n = ::read(port, buffer.data(), buffer.size());
-            if (n > 0) {
-                deliver(buffer.data(), static_cast<std::size_t>(n));
-            } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+            // A full block usually means more is waiting: read on without
+            // another poll until the port runs dry, so that a burst costs one
+            // poll rather than one per block.
+            ssize_t n = 0;
+            do {
+                n = ::read(port, buffer.data(), buffer.size());
+                if (n > 0) {
+                    deliver(buffer.data(), static_cast<std::size_t>(n));
+                }
+            } while (n == static_cast<ssize_t>(buffer.size()) && !stopping_.load(std::memory_order_relaxed));
+            if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) {
                 fail();  // end of file: the other side hung up
             }
         } else if ((events & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
