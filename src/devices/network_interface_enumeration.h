@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "discovery/adapters.h"
+#include "options/property_record.h"
+
+namespace kmio {
+
+// Where the interface records come from: the machine's adapter list, or a
+// test's own. May throw a kalometnd exception.
+using AdapterSource = std::function<std::vector<kalometnd::AdapterInfo>()>;
+
+// One record per adapter, keys in order "iface-type" ("network"),
+// "network-host", "network-subnet-mask", "name" (the friendly name). Returns
+// KM_IO_OK (an empty list included) or KM_IO_ERR_ENUMERATION_FAILED, adding
+// no record, when the source throws a discovery exception.
+std::uint32_t enumerateNetworkInterfaces(RecordList& records, const AdapterSource& adapters);
+
+}  // namespace kmio
