@@ -1,0 +1,301 @@
+// kmio-sim as an independent client sees it: every datagram here is laid out
+// by hand from the packet layout, never by the library's encoder.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <optional>
+#include <set>
+
+#include "netns/child_process.h"
+#include "platform/unique_fd.h"
+
+namespace kmiotest {
+namespace {
+
+using namespace std::chrono_literals;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::uint32_t kLoopback = 0x7F000001;
+constexpr std::uint32_t kLoopbackBroadcast = 0x7FFFFFFF;
+constexpr std::uint32_t kGroup = 0xEF010115;  // 239.1.1.21
+constexpr std::uint32_t kAny = 0xFFFFFFFF;
+
+sockaddr_in endpoint(std::uint32_t address, std::uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(address);
+    a.sin_port = htons(port);
+    return a;
+}
+
+// Header of 96 bytes: 0xC2, u16 LE size-3, opcode, "PDNK", u32 LE version,
+// u32 LE selector, 64-byte serial number, 16-byte token; no payload.
+Bytes request(std::uint32_t selector, const std::string& serial, std::uint8_t tokenByte) {
+    Bytes d(96, 0);
+    d[0] = 0xC2;
+    d[1] = 93;
+    d[3] = 0x21;
+    std::memcpy(&d[4], "PDNK", 4);
+    d[8] = 1;
+    for (int i = 0; i < 4; ++i) {
+        d[12 + i] = static_cast<std::uint8_t>(selector >> (8 * i));
+    }
+    std::memcpy(&d[16], serial.data(), serial.size());
+    std::fill(d.begin() + 80, d.end(), tokenByte);
+    return d;
+}
+
+// A Discover Reply or Inform read by hand; nullopt when the layout is broken.
+struct Announcement {
+    std::uint8_t opcode = 0;
+    std::uint32_t version = 0;
+    std::uint32_t selector = 0;
+    std::string serial;
+    std::uint8_t tokenByte = 0;
+    std::uint8_t protocolId = 0;
+    bool available = false;
+    std::uint16_t port = 0;
+    std::string info;
+};
+
+std::optional<Announcement> parse(const Bytes& d) {
+    const auto u32 = [&](std::size_t at) {
+        return d[at] | d[at + 1] << 8 | d[at + 2] << 16 | std::uint32_t(d[at + 3]) << 24;
+    };
+    if (d.size() < 102 || d.size() % 4 != 0 || d[0] != 0xC2 ||
+        static_cast<std::size_t>(d[1] | d[2] << 8) != d.size() - 3 || std::memcmp(&d[4], "PDNK", 4) != 0 ||
+        d[100] > 63 || d.size() < 102u + d[100] || d[101 + d[100]] != 0) {
+        return std::nullopt;
+    }
+    Announcement a{d[3],
+                   u32(8),
+                   u32(12),
+                   reinterpret_cast<const char*>(&d[16]),
+                   d[80],
+                   d[96],
+                   d[97] != 0,
+                   static_cast<std::uint16_t>(d[98] | d[99] << 8),
+                   std::string(d.begin() + 101, d.begin() + 101 + d[100])};
+    return a;
+}
+
+// A UDP socket: the client's own (ephemeral port), or one that hears the
+// devices' informs on the group.
+class Udp {
+public:
+    Udp() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const int on = 1;
+        const in_addr loop{htonl(kLoopback)};
+        setsockopt(fd_.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
+        setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loop, sizeof loop);
+        const sockaddr_in local = endpoint(kLoopback, 0);
+        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
+    }
+    static Udp groupListener() {
+        Udp udp;
+        udp.fd_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        const int on = 1;
+        setsockopt(udp.fd_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        const sockaddr_in local = endpoint(kGroup, 65110);
+        EXPECT_EQ(::bind(udp.fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
+        const ip_mreq membership{{htonl(kGroup)}, {htonl(kLoopback)}};
+        EXPECT_EQ(setsockopt(udp.fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership),
+                  0);
+        return udp;
+    }
+    void send(std::uint32_t address, std::uint16_t port, const Bytes& d) {
+        const sockaddr_in to = endpoint(address, port);
+        ASSERT_EQ(
+            ::sendto(fd_.get(), d.data(), d.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
+            static_cast<ssize_t>(d.size()));
+    }
+    std::optional<Bytes> receive(std::chrono::milliseconds timeout) {
+        pollfd p{fd_.get(), POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(timeout.count())) != 1) {
+            return std::nullopt;
+        }
+        Bytes d(2048);
+        const ssize_t got = ::recv(fd_.get(), d.data(), d.size(), 0);
+        d.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+        return d;
+    }
+    // Announcements of our own devices (prefix LB: other simulators may share
+    // loopback) until `wanted` have come, then `grace` longer to catch extras.
+    std::vector<Announcement> collect(std::size_t wanted, std::chrono::milliseconds grace) {
+        std::vector<Announcement> found;
+        auto deadline = std::chrono::steady_clock::now() + (wanted == 0 ? grace : 10s);
+        while (std::chrono::steady_clock::now() < deadline) {
+            const auto d = receive(20ms);
+            const auto a = d ? parse(*d) : std::nullopt;
+            if (a && a->serial.starts_with("LB")) {
+                found.push_back(*a);
+                if (found.size() == wanted) {
+                    deadline = std::chrono::steady_clock::now() + grace;
+                }
+            }
+        }
+        return found;
+    }
+
+private:
+    kmio::UniqueFd fd_;
+};
+
+ChildProcess& startSim(std::optional<ChildProcess>& slot, std::uint16_t firstPort,
+                       std::vector<std::string> extra) {
+    std::vector<std::string> argv{KMIO_SIM_PATH,
+                                  "--iface",
+                                  "127.0.0.1",
+                                  "--serial-prefix",
+                                  "LB",
+                                  "--first-port",
+                                  std::to_string(firstPort),
+                                  "--info",
+                                  "loopback test"};
+    argv.insert(argv.end(), extra.begin(), extra.end());
+    slot.emplace(argv);
+    EXPECT_TRUE(slot->waitForLine("ready", 10s)) << slot->output();
+    return *slot;
+}
+
+}  // namespace
+
+TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
+    std::optional<ChildProcess> sim;
+    startSim(sim, 47410, {"--count", "3"});
+    struct Case {
+        std::uint32_t address;
+        std::uint16_t port;
+        std::uint32_t selector;
+        std::string serial;
+        std::set<std::string> answering;
+    };
+    const Case cases[] = {
+        {kLoopbackBroadcast, 65111, kAny, "", {"LB0001", "LB0002", "LB0003"}},
+        {kGroup, 65110, kAny, "", {"LB0001", "LB0002", "LB0003"}},
+        {kLoopbackBroadcast, 65111, 7, "LB0002", {"LB0002"}},
+        {kGroup, 65110, 7, "", {"LB0001", "LB0002", "LB0003"}},
+        {kGroup, 65110, 5, "", {}},
+        {kLoopbackBroadcast, 65111, kAny, "LB0009", {}},
+    };
+    Udp client;
+    std::uint8_t tokenByte = 0x10;
+    for (const Case& c : cases) {
+        SCOPED_TRACE("selector " + std::to_string(c.selector) + ", serial '" + c.serial + "', port " +
+                     std::to_string(c.port));
+        client.send(c.address, c.port, request(c.selector, c.serial, ++tokenByte));
+        std::multiset<std::string> answered;
+        for (const Announcement& a : client.collect(c.answering.size(), 200ms)) {
+            answered.insert(a.serial);
+            const unsigned index = static_cast<unsigned>(std::stoul(a.serial.substr(2))) - 1;
+            EXPECT_EQ(a.opcode, 0xA1);
+            EXPECT_EQ(a.version, 1u);
+            EXPECT_EQ(a.selector, 7u);  // the default device type
+            EXPECT_EQ(a.tokenByte, tokenByte);
+            EXPECT_EQ(a.protocolId, 42);
+            EXPECT_TRUE(a.available);
+            EXPECT_EQ(a.port, 47410 + index);
+            EXPECT_EQ(a.info, "loopback test");
+        }
+        EXPECT_EQ(answered, std::multiset<std::string>(c.answering.begin(), c.answering.end()));
+    }
+    EXPECT_EQ(sim->terminate(), 0);
+    EXPECT_NE(sim->output().find("stopping on signal 15"), std::string::npos) << sim->output();
+}
+
+TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
+    Udp informs = Udp::groupListener();
+    std::optional<ChildProcess> sim;
+    startSim(sim, 47420, {"--count", "2", "--device-type", "3"});
+    const auto connectTo = [](std::uint16_t port) {
+        kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const sockaddr_in to = endpoint(kLoopback, port);
+        EXPECT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
+        return fd;
+    };
+    const auto nextInformOf = [&](const std::string& serial) -> std::optional<Announcement> {
+        for (int i = 0; i < 10; ++i) {
+            for (const Announcement& a : informs.collect(1, 0ms)) {
+                if (a.serial == serial && a.opcode == 0xA2) {
+                    return a;
+                }
+            }
+        }
+        return std::nullopt;
+    };
+    ASSERT_TRUE(nextInformOf("LB0002"));  // the start-up announcement
+    {
+        const kmio::UniqueFd client = connectTo(47421);
+        const auto busy = nextInformOf("LB0002");
+        ASSERT_TRUE(busy);
+        EXPECT_FALSE(busy->available);
+        EXPECT_EQ(busy->selector, 3u);
+
+        const char ping[] = "ping\x00\xff";
+        ASSERT_EQ(::send(client.get(), ping, sizeof ping, 0), static_cast<ssize_t>(sizeof ping));
+        char echo[sizeof ping] = {};
+        ASSERT_EQ(::recv(client.get(), echo, sizeof echo, MSG_WAITALL), static_cast<ssize_t>(sizeof echo));
+        EXPECT_EQ(std::memcmp(echo, ping, sizeof ping), 0);
+
+        // A reply tells the same, and a second client is turned away.
+        Udp asker;
+        asker.send(kLoopbackBroadcast, 65111, request(kAny, "LB0002", 0x33));
+        const auto replies = asker.collect(1, 0ms);
+        ASSERT_EQ(replies.size(), 1u);
+        EXPECT_FALSE(replies[0].available);
+        const kmio::UniqueFd second = connectTo(47421);
+        char byte = 0;
+        EXPECT_EQ(::recv(second.get(), &byte, 1, 0), 0);
+    }
+    const auto free = nextInformOf("LB0002");
+    ASSERT_TRUE(free);
+    EXPECT_TRUE(free->available);
+    EXPECT_TRUE(sim->waitForLine("client disconnected from LB0002", 5s)) << sim->output();
+}
+
+TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
+    struct Case {
+        std::vector<std::string> arguments;
+        std::size_t malformedFirst;
+        std::uint32_t version;
+        std::chrono::milliseconds atLeast;
+    };
+    const Case cases[] = {
+        {{"--version", "2"}, 0, 2, 0ms},
+        {{"--garbage", "5"}, 5, 1, 0ms},
+        {{"--delay-ms", "300"}, 0, 1, 300ms},
+    };
+    std::uint16_t port = 47430;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments[0]);
+        std::optional<ChildProcess> sim;
+        std::vector<std::string> arguments = c.arguments;
+        arguments.insert(arguments.end(), {"--count", "1", "--no-tcp"});
+        startSim(sim, ++port, arguments);
+        Udp client;
+        const auto sent = std::chrono::steady_clock::now();
+        client.send(kGroup, 65110, request(kAny, "", 0x44));
+        for (std::size_t i = 0; i < c.malformedFirst; ++i) {
+            const auto d = client.receive(5s);
+            ASSERT_TRUE(d);
+            EXPECT_FALSE(parse(*d)) << "datagram " << i << " should be malformed";
+        }
+        const auto d = client.receive(5s);
+        ASSERT_TRUE(d);
+        EXPECT_GE(std::chrono::steady_clock::now() - sent, c.atLeast);
+        const auto reply = parse(*d);
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->version, c.version);
+        EXPECT_EQ(reply->port, port);
+        EXPECT_EQ(sim->terminate(), 0);
+    }
+}
+
+}  // namespace kmiotest
