@@ -52,6 +52,19 @@ std::vector<std::uint8_t> readExactly(int fd, std::size_t count) {
     return data;
 }
 
+// A pty pair with a sink, and the device opened on its slave.
+class IoSerialPort : public ::testing::Test {
+protected:
+    std::shared_ptr<IoDevice> open(const std::string& options) {
+        std::uint32_t result = 0;
+        auto device = openSerial(pty.locator(), options, sink, result);
+        EXPECT_EQ(result, KM_IO_OK) << options;
+        return device;
+    }
+    PtyPair pty;
+    Sink sink;
+};
+
 TEST(IoSerial, OpenFailuresGiveTheirCodes) {
     PtyPair pty;
     const struct {
@@ -76,9 +89,7 @@ TEST(IoSerial, OpenFailuresGiveTheirCodes) {
     }
 }
 
-TEST(IoSerial, PortHeldElsewhereIsRefusedAndFreedByClose) {
-    PtyPair pty;
-    Sink sink;
+TEST_F(IoSerialPort, PortHeldElsewhereIsRefusedAndFreedByClose) {
     std::uint32_t result = 0;
     {
         UniqueFd holder(::open(pty.slavePath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
@@ -86,22 +97,19 @@ TEST(IoSerial, PortHeldElsewhereIsRefusedAndFreedByClose) {
         openSerial(pty.locator(), "baudrate 9600", sink, result);
         EXPECT_EQ(result, KM_IO_ERR_OPEN_FAILED);
     }
-    auto first = openSerial(pty.locator(), "baudrate 9600", sink, result);
-    ASSERT_EQ(result, KM_IO_OK);
+    auto first = open("baudrate 9600");
+    ASSERT_TRUE(first);
     openSerial(pty.locator(), "baudrate 9600", sink, result);
     EXPECT_EQ(result, KM_IO_ERR_OPEN_FAILED) << "a second open of an open port";
     first->close(true);
-    auto again = openSerial(pty.locator(), "baudrate 9600", sink, result);
-    ASSERT_EQ(result, KM_IO_OK) << "close with wait releases the port at once";
+    auto again = open("baudrate 9600");
+    ASSERT_TRUE(again) << "close with wait releases the port at once";
     again->close(true);
 }
 
-TEST(IoSerial, OneMebibyteEachWayArrivesIntactInBlocksOfAtMost1024) {
-    PtyPair pty;
-    Sink sink;
-    std::uint32_t result = 0;
-    auto device = openSerial(pty.locator(), "baudrate 115200", sink, result);
-    ASSERT_EQ(result, KM_IO_OK);
+TEST_F(IoSerialPort, OneMebibyteEachWayArrivesIntactInBlocksOfAtMost1024) {
+    auto device = open("baudrate 115200");
+    ASSERT_TRUE(device);
     const auto inbound = randomBytes(1 << 20);
     std::thread writer([&] { writeAll(pty.master.get(), inbound); });
     EXPECT_TRUE(sink.waitUntil([&] { return sink.bytes.size() >= inbound.size(); }));
@@ -122,12 +130,9 @@ TEST(IoSerial, OneMebibyteEachWayArrivesIntactInBlocksOfAtMost1024) {
     EXPECT_TRUE(sink.errors.empty());
 }
 
-TEST(IoSerial, HangUpIsReportedOnceAsLinkFailure) {
-    PtyPair pty;
-    Sink sink;
-    std::uint32_t result = 0;
-    auto device = openSerial(pty.locator(), "baudrate 9600", sink, result);
-    ASSERT_EQ(result, KM_IO_OK);
+TEST_F(IoSerialPort, HangUpIsReportedOnceAsLinkFailure) {
+    auto device = open("baudrate 9600");
+    ASSERT_TRUE(device);
     pty.master.reset();
     ASSERT_TRUE(sink.waitUntil([&] { return !sink.errors.empty(); }));
     const std::uint8_t byte = 1;
@@ -136,12 +141,9 @@ TEST(IoSerial, HangUpIsReportedOnceAsLinkFailure) {
     EXPECT_EQ(sink.errors, std::vector<std::uint32_t>{KM_IO_ERR_LINK_FAILED});
 }
 
-TEST(IoSerial, NoCallbackAfterCloseWithWait) {
-    PtyPair pty;
-    Sink sink;
-    std::uint32_t result = 0;
-    auto device = openSerial(pty.locator(), "baudrate 115200", sink, result);
-    ASSERT_EQ(result, KM_IO_OK);
+TEST_F(IoSerialPort, NoCallbackAfterCloseWithWait) {
+    auto device = open("baudrate 115200");
+    ASSERT_TRUE(device);
     std::atomic<bool> stop{false};
     ::fcntl(pty.master.get(), F_SETFL, O_NONBLOCK);  // the port's input fills up once it is closed
     std::thread writer([&] {
@@ -160,12 +162,9 @@ TEST(IoSerial, NoCallbackAfterCloseWithWait) {
     EXPECT_EQ(sink.callsAfterClose, 0);
 }
 
-TEST(IoSerial, CloseWithoutWaitReturnsAndTheDeviceEndsOnItsOwn) {
-    PtyPair pty;
-    Sink sink;
-    std::uint32_t result = 0;
-    auto device = openSerial(pty.locator(), "baudrate 9600", sink, result);
-    ASSERT_EQ(result, KM_IO_OK);
+TEST_F(IoSerialPort, CloseWithoutWaitReturnsAndTheDeviceEndsOnItsOwn) {
+    auto device = open("baudrate 9600");
+    ASSERT_TRUE(device);
     std::weak_ptr<IoDevice> watch = device;
     device->close(false);
     device.reset();
@@ -174,19 +173,15 @@ TEST(IoSerial, CloseWithoutWaitReturnsAndTheDeviceEndsOnItsOwn) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_TRUE(watch.expired()) << "the receiving thread let go of the device";
-    auto again = openSerial(pty.locator(), "baudrate 9600", sink, result);
-    EXPECT_EQ(result, KM_IO_OK);
+    auto again = open("baudrate 9600");
     if (again) {
         again->close(true);
     }
 }
 
-TEST(IoSerial, EveryPropertyIsTheEmptyText) {
-    PtyPair pty;
-    Sink sink;
-    std::uint32_t result = 0;
-    auto device = openSerial(pty.locator(), "baudrate 9600", sink, result);
-    ASSERT_EQ(result, KM_IO_OK);
+TEST_F(IoSerialPort, EveryPropertyIsTheEmptyText) {
+    auto device = open("baudrate 9600");
+    ASSERT_TRUE(device);
     char value[8] = "xyz";
     std::size_t size = 0;
     EXPECT_EQ(device->getProperty("anything", value, &size), KM_IO_ERR_BUFFER_TOO_SMALL);
