@@ -117,6 +117,17 @@ TEST(KmioCliPty, OpenShowsHexDump) {
     EXPECT_EQ(child->wait(), 0);
 }
 
+TEST(KmioCliPty, LingerShowsRepliesAfterTheEndOfInput) {
+    Pty pty;
+    auto child = openBridge(pty, {"--linger", "3000"});
+    child->writeStdin("last");
+    child->closeStdin();
+    EXPECT_EQ(pty.readUntil("last"), "last");
+    pty.write("answer");
+    EXPECT_EQ(child->wait(), 0) << child->err();
+    EXPECT_EQ(child->out(), "answer");
+}
+
 TEST(KmioCliPty, HangUpIsReportedOnceAndEndsTheBridge) {
     Pty pty;
     auto child = openBridge(pty);

@@ -1,6 +1,10 @@
 // The kmio tool's command line: versions, help, usage errors, failures that
 // name the library's result code, and the listings.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -85,6 +89,32 @@ TEST(KmioCli, FailuresNameTheResultCode) {
         EXPECT_EQ(r.status, 1) << c.message;
         EXPECT_EQ(r.err, c.message);
     }
+}
+
+// The network link reports a lost link on every pass after the peer closed;
+// the tool must say so once and end instead of flooding stderr.
+TEST(KmioCli, PeerCloseIsReportedOnceAndEndsTheBridge) {
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(listener, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    std::string locator = "network:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+
+    ChildProcess child({"open", locator});
+    int peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    ::close(listener);
+    ASSERT_GE(peer, 0);
+    ASSERT_EQ(::write(peer, "bye\n", 4), 4);
+    EXPECT_TRUE(child.waitForStdout("bye\n"));
+    ::close(peer);
+    EXPECT_EQ(child.wait(), 1);
+    EXPECT_EQ(child.out(), "bye\n");
+    EXPECT_EQ(child.err(), "kmio: link error on " + locator + ": the link was lost (7)\n");
 }
 
 // The table and the raw text come from the same listing, so every record of

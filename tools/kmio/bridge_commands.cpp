@@ -59,8 +59,28 @@ bool forwardStdin(DeviceSession& session, int& status) {
     return true;
 }
 
+// Lets received bytes flow to stdout for `ms` milliseconds; Ctrl-C or a link
+// error ends the wait early.
+void waitForReplies(SignalWatch& signals, const DeviceSession& session, unsigned long ms) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {session.endFd(), POLLIN, 0}};
+    while (true) {
+        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) {
+            return;
+        }
+        int ready = ::poll(fds, 2, static_cast<int>(std::min<long long>(left.count(), 60'000)));
+        if (ready > 0 && (fds[1].revents != 0 || signals.take() != 0)) {
+            return;  // a link error that was already reported, or Ctrl-C
+        }
+    }
+}
+
 int runOpen(const std::vector<std::string>& args) {
-    ParsedArgs parsed = ArgParser(kOpenOptions).parse(args, 1, 1);
+    std::vector<OptionSpec> specs = kOpenOptions;
+    specs.push_back({"linger", 'l', true});
+    ParsedArgs parsed = ArgParser(specs).parse(args, 1, 1);
+    auto lingerMs = parseCount("linger", parsed.last("linger", "0"));
     SignalWatch signals;
     DeviceSession session(parsed.positional[0], parsed.has("hex"));
     if (!openSession(session, parsed)) {
@@ -84,6 +104,11 @@ int runOpen(const std::vector<std::string>& args) {
             break;
         }
         if (fds[2].revents != 0 && !forwardStdin(session, status)) {
+            if (status == kExitOk) {
+                // End of input: the last replies may still be on their way.
+                waitForReplies(signals, session, lingerMs);
+                status = session.failed() ? kExitFailure : kExitOk;
+            }
             break;
         }
     }
@@ -116,18 +141,7 @@ int runSend(const std::vector<std::string>& args) {
         reportFailure("cannot send to " + session.locator(), code);
         return kExitFailure;
     }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
-    pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {session.endFd(), POLLIN, 0}};
-    while (true) {
-        auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) {
-            break;
-        }
-        int ready = ::poll(fds, 2, static_cast<int>(std::min<long long>(left.count(), 60'000)));
-        if (ready > 0 && (fds[1].revents != 0 || signals.take() != 0)) {
-            break;  // a link error that was already reported, or Ctrl-C
-        }
-    }
+    waitForReplies(signals, session, waitMs);
     session.close();
     return session.failed() ? kExitFailure : kExitOk;
 }
@@ -137,7 +151,7 @@ int runSend(const std::vector<std::string>& args) {
 const Command& openCommand() {
     static const Command command{
         "open", "open a device and bridge it to this terminal",
-        "Usage: kmio open LOCATOR [-o \"key value\"]... [--iface ADDR]... [--hex]\n"
+        "Usage: kmio open LOCATOR [-o \"key value\"]... [--iface ADDR]... [--hex] [--linger MS]\n"
         "\n"
         "Opens the device and sends everything read from stdin to it; what the device\n"
         "sends is written to stdout. Link errors are reported on stderr and end the\n"
@@ -148,6 +162,8 @@ const Command& openCommand() {
         "  -i, --iface ADDR   interface to search when opening network:sn:SERIAL;\n"
         "                     repeatable (\"all\" for every interface)\n"
         "  -x, --hex          show received bytes as a hex dump\n"
+        "  -l, --linger MS    after the end of input, keep showing what arrives for MS\n"
+        "                     milliseconds before closing (default 0)\n"
         "\n"
         "Examples:\n"
         "  kmio open serial:/dev/ttyUSB0 -o \"baudrate 115200\"\n"
