@@ -25,9 +25,9 @@ int runVersion(const std::vector<std::string>& args) {
     return kExitOk;
 }
 
-// Prints an enumeration's text: as it came with --raw or when the user chose
-// an "only-" form, otherwise as a table.
-void printRecords(const std::string& text, bool raw, const char* noneText) {
+// Prints an enumeration's text: as it came with --raw, otherwise as a table
+// (one column named after the key for the "only-" forms).
+void printRecords(const std::string& text, const OptionText& options, bool raw, const char* noneText) {
     if (raw) {
         std::fputs(text.c_str(), stdout);
         if (!text.empty()) {
@@ -35,7 +35,8 @@ void printRecords(const std::string& text, bool raw, const char* noneText) {
         }
         return;
     }
-    RecordTable table(text);
+    std::string only = options.onlyKey();
+    RecordTable table(text, only.empty() ? "value" : only);
     if (table.empty()) {
         std::printf("%s\n", noneText);
         return;
@@ -72,7 +73,7 @@ int runList(const std::vector<std::string>& args) {
         reportFailure("cannot list devices", code);
         return kExitFailure;
     }
-    printRecords(text, parsed.has("raw"), "(no devices found)");
+    printRecords(text, options, parsed.has("raw"), "(no devices found)");
     return kExitOk;
 }
 
@@ -80,7 +81,8 @@ int runInterfaces(const std::vector<std::string>& args) {
     ArgParser parser({{"type", 't', true}, {"option", 'o', true}, {"raw", 'r', false}});
     ParsedArgs parsed = parser.parse(args, 0, 0);
     requireOneOf("type", parsed.last("type", "all"), {"network", "serial", "all"});
-    std::string optionText = listingOptions(parsed).text();
+    OptionText options = listingOptions(parsed);
+    std::string optionText = options.text();
     std::string text;
     std::uint32_t code = readLibraryText(
         [&](char* buffer, std::size_t* size) {
@@ -91,7 +93,7 @@ int runInterfaces(const std::vector<std::string>& args) {
         reportFailure("cannot list interfaces", code);
         return kExitFailure;
     }
-    printRecords(text, parsed.has("raw"), "(no interfaces found)");
+    printRecords(text, options, parsed.has("raw"), "(no interfaces found)");
     return kExitOk;
 }
 

@@ -26,24 +26,41 @@ void OptionText::addInterfaces(const std::string& key, const std::vector<std::st
     }
 }
 
-bool OptionText::selectsKeys() const {
+std::vector<std::string> OptionText::keys() const {
+    std::vector<std::string> out;
     for (const auto& line : lines_) {
         // A user line may itself hold several lines.
         std::size_t start = 0;
-        while (start <= line.size()) {
+        while (true) {
             auto end = line.find('\n', start);
-            std::string key =
-                keyOf(line.substr(start, end == std::string::npos ? std::string::npos : end - start));
-            if (key.starts_with("include-") || key.starts_with("only-")) {
-                return true;
-            }
+            out.push_back(
+                keyOf(line.substr(start, end == std::string::npos ? std::string::npos : end - start)));
             if (end == std::string::npos) {
                 break;
             }
             start = end + 1;
         }
     }
+    return out;
+}
+
+bool OptionText::selectsKeys() const {
+    for (const auto& key : keys()) {
+        if (key.starts_with("include-") || key.starts_with("only-")) {
+            return true;
+        }
+    }
     return false;
+}
+
+std::string OptionText::onlyKey() const {
+    std::string found;
+    for (const auto& key : keys()) {
+        if (key.starts_with("only-")) {
+            found = key.substr(5);
+        }
+    }
+    return found;
 }
 
 std::string OptionText::text() const {

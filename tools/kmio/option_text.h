@@ -18,10 +18,15 @@ public:
     // True when one of the lines selects output keys ("include-..." or
     // "only-..."), in which case the tool leaves the choice to the user.
     bool selectsKeys() const;
+    // The KEY of the last "only-KEY" line, empty when there is none.
+    std::string onlyKey() const;
 
     std::string text() const;
 
 private:
+    // The key of every line, in order.
+    std::vector<std::string> keys() const;
+
     std::vector<std::string> lines_;
 };
 

@@ -65,7 +65,7 @@ std::string unescapeValue(const std::string& value) {
     return out;
 }
 
-RecordTable::RecordTable(const std::string& recordText) {
+RecordTable::RecordTable(const std::string& recordText, const std::string& bareColumn) {
     if (recordText.empty()) {
         return;
     }
@@ -76,8 +76,7 @@ RecordTable::RecordTable(const std::string& recordText) {
         std::map<std::string, std::string> row;
         for (const auto& item : split(line, '|')) {
             auto eq = item.find('=');
-            // A line without '=' is a bare value, as in the locator-only form.
-            std::string key = eq == std::string::npos ? "value" : item.substr(0, eq);
+            std::string key = eq == std::string::npos ? bareColumn : item.substr(0, eq);
             std::string raw = eq == std::string::npos ? item : item.substr(eq + 1);
             if (std::find(columns_.begin(), columns_.end(), key) == columns_.end()) {
                 columns_.push_back(key);

@@ -11,7 +11,9 @@ namespace kmiotool {
 // values unescaped.
 class RecordTable {
 public:
-    explicit RecordTable(const std::string& recordText);
+    // Lines without '=' (the "only-" forms) are bare values, shown in one
+    // column named `bareColumn`.
+    explicit RecordTable(const std::string& recordText, const std::string& bareColumn = "value");
 
     bool empty() const { return rows_.empty(); }
     const std::vector<std::string>& columns() const { return columns_; }
