@@ -39,7 +39,10 @@ Simulator::Simulator(SimOptions options) : options_(std::move(options)) {
     std::string where;
     for (const std::uint32_t address : options_.interfaces) {
         interfaces_.emplace_back(address);
-        where += (where.empty() ? "" : ",") + kmio::formatIpv4(address);
+        if (!where.empty()) {
+            where += ',';
+        }
+        where += kmio::formatIpv4(address);
     }
     devices_.reserve(options_.count);
     for (unsigned i = 0; i < options_.count; ++i) {
@@ -56,8 +59,17 @@ Simulator::Simulator(SimOptions options) : options_(std::move(options)) {
 }
 
 void Simulator::run(int stopFd) {
-    for (const SimDevice& device : devices_) {
-        announce(device);
+    // Our own announcements loop back to our listening sockets. Read them as
+    // we go, so that a thousand of them never fill the receive buffers and
+    // crowd out the request of a host that starts right after "ready".
+    for (std::size_t d = 0; d < devices_.size(); ++d) {
+        announce(devices_[d]);
+        if (d % 32 == 31 || d + 1 == devices_.size()) {
+            for (std::size_t i = 0; i < interfaces_.size(); ++i) {
+                receiveRequest(i, interfaces_[i].broadcastFd());
+                receiveRequest(i, interfaces_[i].multicastFd());
+            }
+        }
     }
     say("ready: " + std::to_string(devices_.size()) + " devices on " + std::to_string(interfaces_.size()) +
         " interface(s)");
