@@ -298,4 +298,30 @@ TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
     }
 }
 
+TEST(SimLoopbackTest, RefusesCommandLinesItCannotServe) {
+    struct Case {
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string message;
+    };
+    const Case cases[] = {
+        {{"--count", "3"}, 2, "at least one --iface is needed"},
+        {{"--iface", "127.0.0"}, 2, "--iface needs an IPv4 address"},
+        {{"--iface", "127.0.0.1", "--iface", "127.0.0.1"}, 2, "is given twice"},
+        {{"--iface", "127.0.0.1", "--count", "0"}, 2, "--count must be at least 1"},
+        {{"--iface", "127.0.0.1", "--first-port", "65535", "--count", "2"}, 2, "must stay within"},
+        {{"--iface", "127.0.0.1", "--device-type", "3", "--selector", "4"}, 2, "one setting"},
+        {{"--iface", "127.0.0.1", "--info", std::string(64, 'i')}, 2, "longer than 63"},
+        {{"--iface", "127.0.0.1", "--bogus"}, 2, "--bogus: unknown option"},
+        {{"--iface", "192.0.2.77"}, 1, "192.0.2.77 is not the address of a local interface"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv{KMIO_SIM_PATH};
+        argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
+        std::string output;
+        EXPECT_EQ(runProgram(argv, &output), c.exitCode) << output;
+        EXPECT_NE(output.find(c.message), std::string::npos) << output;
+    }
+}
+
 }  // namespace kmiotest

@@ -27,6 +27,13 @@ std::uint64_t parseNumber(std::string_view name, std::string_view text, std::uin
     return value;
 }
 
+bool takesValue(std::string_view name) {
+    static constexpr std::string_view kWithValue[] = {
+        "--iface",    "--count", "--serial-prefix", "--first-port", "--protocol-id", "--device-type",
+        "--selector", "--info",  "--version",       "--delay-ms",   "--garbage"};
+    return std::find(std::begin(kWithValue), std::end(kWithValue), name) != std::end(kWithValue);
+}
+
 }  // namespace
 
 const char* simUsage() {
@@ -68,8 +75,7 @@ SimOptions parseSimOptions(int argc, const char* const* argv) {
             continue;
         }
         if (i + 1 >= argc) {
-            throw UsageError(std::string(name) +
-                             (name.starts_with("--") ? " needs a value" : ": unknown option"));
+            throw UsageError(std::string(name) + (takesValue(name) ? " needs a value" : ": unknown option"));
         }
         const std::string_view value = argv[++i];
         if (name == "--iface") {
