@@ -1,14 +1,143 @@
 #include "devices/network_enumeration.h"
 
+#include <algorithm>
+#include <optional>
+#include <set>
+#include <string_view>
+#include <vector>
+
+#include "devices/network_discovery.h"
+#include "discovery/adapters.h"
+#include "discovery/exceptions.h"
 #include "kmio/kmio.h"
+#include "options/options_error.h"
 
 namespace kmio {
 
-// Placeholder until the network link lands: nothing discovered.
-std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions&, RecordList&) { return KM_IO_OK; }
-std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions&) { return KM_IO_OK; }
-std::uint32_t resolveNetworkSerialNumber(const std::string&, const NetworkOpenOptions&, DiscoveredAddress&) {
-    return KM_IO_ERR_NOT_FOUND;
+namespace {
+
+constexpr std::string_view kNetworkPrefix = "network:";
+
+std::vector<Ipv4> localAddresses() {
+    std::vector<Ipv4> addresses;
+    for (const kalometnd::AdapterInfo& adapter : kalometnd::listAdapters()) {
+        addresses.push_back(adapter.address);
+    }
+    return addresses;
+}
+
+template <class T>
+bool listAdmits(const std::vector<T>& wanted, const T& value) {
+    return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
+}
+
+// The find- filters, in their order.
+bool passesFilters(const NetworkEnumerationOptions& options, const kalometnd::DiscoverInfo& device) {
+    return listAdmits(options.findProtocolId, static_cast<std::uint32_t>(device.protocolId)) &&
+           listAdmits(options.findDeviceType, device.selector) &&
+           listAdmits(options.findDeviceSn, device.serialNumber) &&
+           (!options.findOnlyAvailable || device.available);
+}
+
+// The "discovery-iface" values as a set of interfaces, nullopt for "none".
+// Throws OptionsError for an entry that names no interface, so that a bad
+// request changes nothing.
+std::optional<std::set<Ipv4>> discoveryInterfaces(const std::vector<std::string>& entries) {
+    std::set<Ipv4> addresses;
+    for (const std::string& entry : entries) {
+        if (entry.compare(0, kNetworkPrefix.size(), kNetworkPrefix) != 0) {
+            continue;
+        }
+        std::string_view rest = std::string_view(entry).substr(kNetworkPrefix.size());
+        rest = rest.substr(0, rest.find(':'));
+        if (rest == "none") {
+            return std::nullopt;
+        }
+        if (rest == "all") {
+            for (const Ipv4 address : localAddresses()) {
+                addresses.insert(address);
+            }
+            continue;
+        }
+        const std::optional<Ipv4> address = parseIpv4(rest);
+        if (!address || *address == 0) {
+            throw OptionsError("Invalid interface: " + entry);
+        }
+        addresses.insert(*address);
+    }
+    return addresses;
+}
+
+}  // namespace
+
+std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, RecordList& records) {
+    const std::optional<std::set<Ipv4>> interfaces = parseInterfaceSelectors(options.iface, localAddresses);
+    if (!interfaces) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    }
+    const LocatorFormat format = parseLocatorFormat(options.locatorFormatNetwork);
+    if (interfaces->empty()) {
+        return KM_IO_OK;
+    }
+    NetworkDiscovery& cache = NetworkDiscovery::instance();
+    // A failed run still leaves what earlier runs found.
+    (void)cache.discover(*interfaces, options.discoveryTimeout, options.forceRescan, "");
+    for (const auto& [interfaceAddress, devices] : cache.devicesOn(*interfaces)) {
+        for (const kalometnd::DiscoverInfo& device : devices) {
+            if (passesFilters(options, device)) {
+                records.push_back(networkDeviceRecord(device, interfaceAddress, format));
+            }
+        }
+    }
+    return KM_IO_OK;
+}
+
+std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options) {
+    NetworkDiscovery::Settings settings;
+    try {
+        // Everything is checked before anything changes.
+        if (options.locatorFormatNetwork) {
+            settings.locatorFormat = parseLocatorFormat(*options.locatorFormatNetwork);
+        }
+        if (options.discoveryIface) {
+            settings.interfaces = discoveryInterfaces(*options.discoveryIface).value_or(std::set<Ipv4>{});
+        }
+    } catch (const OptionsError&) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    } catch (const kalometnd::KalometNDException&) {
+        // "all" with an unreadable interface list.
+        return KM_IO_ERR_BAD_OPTIONS;
+    }
+    return NetworkDiscovery::instance().apply(settings);
+}
+
+std::uint32_t resolveNetworkSerialNumber(const std::string& serialNumber, const NetworkOpenOptions& options,
+                                         DiscoveredAddress& found) {
+    NetworkDiscovery& cache = NetworkDiscovery::instance();
+    std::optional<kalometnd::DiscoverInfo> device = cache.lookup(serialNumber);
+    if (!device) {
+        std::optional<std::set<Ipv4>> interfaces;
+        try {
+            interfaces = parseInterfaceSelectors(options.iface, localAddresses);
+        } catch (const kalometnd::KalometNDException&) {
+            return KM_IO_ERR_BAD_OPTIONS;
+        }
+        if (!interfaces) {
+            return KM_IO_ERR_BAD_OPTIONS;
+        }
+        if (interfaces->empty()) {
+            // Without interfaces only an earlier discovery can have found it.
+            return KM_IO_ERR_NOT_FOUND;
+        }
+        (void)cache.discover(*interfaces, options.discoveryTimeout, true, serialNumber);
+        device = cache.lookup(serialNumber);
+        if (!device) {
+            return KM_IO_ERR_NOT_FOUND;
+        }
+    }
+    found.address = device->ipAddress;
+    found.port = device->port;
+    return KM_IO_OK;
 }
 
 }  // namespace kmio

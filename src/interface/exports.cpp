@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "devices/network_discovery.h"
 #include "interface/device_table.h"
 #include "interface/enumeration.h"
 #include "interface/event_data.h"
@@ -18,6 +19,19 @@ namespace {
 std::string_view optionText(const char* options) {
     return options != nullptr ? options : "";
 }
+
+// Discovery events reach the application's callback through the table. Set
+// up when the library loads, before any discovery channel can exist; the
+// table is made first so that it outlives the discovery cache, whose
+// destruction at exit stops the host threads that raise events.
+[[maybe_unused]] const bool discoveryEventsRouted = [] {
+    kmio::DeviceTable& table = kmio::DeviceTable::instance();
+    kmio::NetworkDiscovery::instance().setEventSink(
+        [&table](std::uint32_t type, const kmio::PropertyRecord& properties) {
+            table.raiseEvent(type, properties);
+        });
+    return true;
+}();
 
 }  // namespace
 
