@@ -1,18 +1,15 @@
 #pragma once
 
-// Helpers for the network enumeration tests, which use the library only
-// through its public interface and kmio-sim as their devices.
+// Helpers for the tests that use the library through its public interface,
+// with kmio-sim (serial numbers NE...) as the devices.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
-#include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -23,57 +20,40 @@ namespace kmiotest {
 
 using namespace std::chrono_literals;
 
-// Runs KM_IO_EnumerateDevices(9999, ...) and returns the lines of its text
-// that name our simulated devices (serial numbers NE...): other programs may
-// run simulators on loopback too. rc gets the result.
+inline const std::string kLoopback = "iface-type network\niface network:127.0.0.1\n";
+
+// KM_IO_EnumerateDevices(9999, ...) and the lines naming our devices: other
+// programs may run simulators on loopback too.
 inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
     std::vector<char> buffer(1 << 20);
     std::size_t size = buffer.size();
     rc = KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options.c_str(), buffer.data(), &size);
+    std::istringstream text(std::string(buffer.data(), rc == KM_IO_OK ? size : 0));
     std::string ours;
-    std::size_t start = 0;
-    for (const std::string_view text(buffer.data(), rc == KM_IO_OK ? size : 0); start < text.size();) {
-        const std::size_t end = std::min(text.find('\n', start), text.size());
-        if (const std::string_view line = text.substr(start, end - start); line.find("NE0") != line.npos) {
-            ours += std::string(ours.empty() ? "" : "\n") + std::string(line);
+    for (std::string line; std::getline(text, line);) {
+        if (line.find("NE0") != std::string::npos) {
+            ours += (ours.empty() ? "" : "\n") + line;
         }
-        start = end + 1;
     }
     return ours;
 }
 
-// The start of every enumeration on loopback.
-inline const std::string kLoopback = "iface-type network\niface network:127.0.0.1\n";
-
-// kmio-sim with `count` devices on one address, ready to answer.
-inline std::unique_ptr<ChildProcess> startSimulator(const std::string& address, unsigned count,
-                                                    std::uint16_t firstPort,
-                                                    const std::vector<std::string>& extra = {}) {
-    std::vector<std::string> argv = {KMIO_SIM_PATH,
-                                     "--iface",
-                                     address,
-                                     "--count",
-                                     std::to_string(count),
-                                     "--first-port",
-                                     std::to_string(firstPort)};
-    // Our own prefix keeps devices of other programs on loopback out of the results.
-    argv.insert(argv.end(), {"--serial-prefix", "NE"});
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    auto sim = std::make_unique<ChildProcess>(argv);
+inline std::unique_ptr<ChildProcess> startSimulator(unsigned count, std::uint16_t firstPort) {
+    auto sim = std::make_unique<ChildProcess>(
+        std::vector<std::string>{KMIO_SIM_PATH, "--iface", "127.0.0.1", "--serial-prefix", "NE", "--count",
+                                 std::to_string(count), "--first-port", std::to_string(firstPort)});
     EXPECT_TRUE(sim->waitForLine("ready", 10s)) << sim->output();
     return sim;
 }
 
-// Records every discovery event as (type, full record text), and what a
-// table function called from inside the callback did.
+// Every discovery event of our devices as (type, record text), and how often
+// a table function called from inside the callback failed as it must.
 class EventLog {
 public:
     EventLog() { KM_IO_SetEventCallback(&EventLog::callback, this); }
-    EventLog(const EventLog&) = delete;
-    EventLog& operator=(const EventLog&) = delete;
     ~EventLog() { KM_IO_SetEventCallback(nullptr, nullptr); }
 
-    // Waits until at least n events have arrived; returns how many there are.
+    // Waits until n events have arrived; returns how many there are.
     std::size_t waitFor(std::size_t n, std::chrono::milliseconds timeout = 10s) {
         std::unique_lock lock(mutex_);
         arrived_.wait_for(lock, timeout, [&] { return events_.size() >= n; });
@@ -93,21 +73,19 @@ private:
         auto* log = static_cast<EventLog*>(self);
         char text[2048];
         std::size_t size = sizeof text;
-        const std::uint32_t rc = KM_IO_GetDiscoveryEventData(event, "include-all", text, &size);
-        if (rc == KM_IO_OK && std::string_view(text, size).find("device-sn=NE") == std::string_view::npos) {
-            return;  // a device of some other program on loopback
+        if (KM_IO_GetDiscoveryEventData(event, "include-all", text, &size) != KM_IO_OK ||
+            std::string(text, size).find("device-sn=NE") == std::string::npos) {
+            return;
         }
-        bool reentryFailed = false;
+        bool refused = false;
         try {
-            // The callback runs under the table mutex: this must throw, not hang.
-            KM_IO_Close(63, 0);
+            KM_IO_Close(63, 0);  // takes the table mutex, which the callback holds
         } catch (const std::system_error& error) {
-            reentryFailed = error.code() == std::errc::resource_deadlock_would_occur;
+            refused = error.code() == std::errc::resource_deadlock_would_occur;
         }
         const std::lock_guard lock(log->mutex_);
-        log->events_.emplace_back(type,
-                                  rc == KM_IO_OK ? std::string(text, size) : "rc " + std::to_string(rc));
-        log->reentryFailures_ += reentryFailed ? 1 : 0;
+        log->events_.emplace_back(type, std::string(text, size));
+        log->reentryFailures_ += refused ? 1 : 0;
         log->arrived_.notify_all();
     }
 

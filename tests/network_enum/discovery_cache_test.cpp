@@ -82,19 +82,5 @@ TEST(DiscoveryCache, FailedChannelLeavesSettingsAsTheyWere) {
     EXPECT_TRUE(cache.channelAddresses().empty());
 }
 
-TEST(DiscoveryCache, GlobalOptionsRejectBadEntriesBeforeChangingAnything) {
-    for (const char* text : {"discovery-iface network:bogus", "discovery-iface network:0.0.0.0",
-                             "locator-format-network HOST\ndiscovery-iface network:127.0.0.1",
-                             "discovery-iface network:127.0.0.1\ndiscovery-iface network:1.2.3"}) {
-        EXPECT_EQ(applyGlobalDiscoveryOptions(GlobalOptions::parse(text)), KM_IO_ERR_BAD_OPTIONS) << text;
-        EXPECT_TRUE(NetworkDiscovery::instance().channelAddresses().empty()) << text;
-    }
-    // "none" wins over everything around it.
-    EXPECT_EQ(applyGlobalDiscoveryOptions(
-                  GlobalOptions::parse("discovery-iface network:127.0.0.1\ndiscovery-iface network:none")),
-              KM_IO_OK);
-    EXPECT_TRUE(NetworkDiscovery::instance().channelAddresses().empty());
-}
-
 }  // namespace
 }  // namespace kmio

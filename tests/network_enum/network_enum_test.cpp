@@ -17,7 +17,7 @@ std::string deviceLine(const std::string& serial, std::uint16_t port, const std:
 }
 
 TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
-    const auto sim = startSimulator("127.0.0.1", 2, 56310);
+    const auto sim = startSimulator(2, 56310);
     std::uint32_t rc = 0;
     EXPECT_EQ(enumerate(kLoopback + "include-all", rc), deviceLine("NE0001", 56310, "network:sn:NE0001") +
                                                             "\n" +
@@ -50,50 +50,33 @@ TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
     EXPECT_EQ(rc, KM_IO_OK);
 }
 
-struct Echo {
-    std::mutex mutex;
-    std::string received;
-    static void onReceive(void* self, const std::uint8_t* data, std::size_t length) {
-        auto* echo = static_cast<Echo*>(self);
-        const std::lock_guard lock(echo->mutex);
-        echo->received.append(reinterpret_cast<const char*>(data), length);
-    }
-};
-
-// Opens the locator and checks that a line comes back.
+// Opens the locator, sends a line and expects it back.
 void expectEcho(const std::string& locator, const std::string& options) {
     SCOPED_TRACE(locator + " with " + options);
-    Echo echo;
-    std::uint32_t handle = 99;
-    ASSERT_EQ(KM_IO_Open(&handle, locator.c_str(), options.c_str(), &echo, &Echo::onReceive, nullptr),
-              KM_IO_OK);
+    static std::atomic<std::size_t> received;
+    received = 0;
+    const auto count = [](void*, const std::uint8_t*, std::size_t length) { received += length; };
+    std::uint32_t handle = 0;
+    ASSERT_EQ(KM_IO_Open(&handle, locator.c_str(), options.c_str(), nullptr, count, nullptr), KM_IO_OK);
     ASSERT_EQ(KM_IO_Send(handle, "ping\n", 5), KM_IO_OK);
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    for (;;) {
-        {
-            const std::lock_guard lock(echo.mutex);
-            if (echo.received == "ping\n" || std::chrono::steady_clock::now() > deadline) {
-                EXPECT_EQ(echo.received, "ping\n");
-                break;
-            }
-        }
+    for (int i = 0; i < 1000 && received < 5; ++i) {
         std::this_thread::sleep_for(10ms);
     }
+    EXPECT_EQ(received, 5u);
     EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
 }
 
+void ignore(void*, const std::uint8_t*, std::size_t) {}
+
 TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
-    const auto sim = startSimulator("127.0.0.1", 2, 56330);
+    const auto sim = startSimulator(2, 56330);
     std::uint32_t handle = 0;
     // Nothing cached and no interface to search.
-    EXPECT_EQ(KM_IO_Open(&handle, "network:sn:NE0001", "", nullptr, &Echo::onReceive, nullptr),
+    EXPECT_EQ(KM_IO_Open(&handle, "network:sn:NE0001", "", nullptr, &ignore, nullptr), KM_IO_ERR_NOT_FOUND);
+    EXPECT_EQ(KM_IO_Open(&handle, "network:sn:NE0001", "iface network:bogus", nullptr, &ignore, nullptr),
+              KM_IO_ERR_BAD_OPTIONS);
+    EXPECT_EQ(KM_IO_Open(&handle, "network:sn:NOPE", "iface network:127.0.0.1", nullptr, &ignore, nullptr),
               KM_IO_ERR_NOT_FOUND);
-    EXPECT_EQ(
-        KM_IO_Open(&handle, "network:sn:NE0001", "iface network:bogus", nullptr, &Echo::onReceive, nullptr),
-        KM_IO_ERR_BAD_OPTIONS);
-    EXPECT_EQ(
-        KM_IO_Open(&handle, "network:sn:NOPE", "iface network:127.0.0.1", nullptr, &Echo::onReceive, nullptr),
-        KM_IO_ERR_NOT_FOUND);
     // A forced discovery for the serial number finds it.
     expectEcho("network:sn:NE0002", "iface network:127.0.0.1");
     // That search asked for NE0002 only; a full pass adds NE0001 to the
@@ -108,20 +91,21 @@ TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
 TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
     EventLog events;
     ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
-    auto sim = startSimulator("127.0.0.1", 2, 56340);
+    auto sim = startSimulator(2, 56340);
     ASSERT_EQ(events.waitFor(2), 2u);
     EXPECT_EQ(events.at(0), std::make_pair(1u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
     EXPECT_EQ(events.at(1), std::make_pair(1u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
 
     // Bad settings change nothing: the next events still carry "sn" locators.
     EXPECT_EQ(KM_IO_SetGlobalOptions("locator-format-network HOST"), KM_IO_ERR_BAD_OPTIONS);
-    EXPECT_EQ(KM_IO_SetGlobalOptions("locator-format-network host\ndiscovery-iface network:bogus"),
-              KM_IO_ERR_BAD_OPTIONS);
+    for (const char* bad : {"locator-format-network host\ndiscovery-iface network:bogus",
+                            "locator-format-network host\ndiscovery-iface network:0.0.0.0"}) {
+        EXPECT_EQ(KM_IO_SetGlobalOptions(bad), KM_IO_ERR_BAD_OPTIONS) << bad;
+    }
 
     // A client makes the device busy, its leaving makes it available again.
     std::uint32_t handle = 0;
-    ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &Echo::onReceive, nullptr),
-              KM_IO_OK);
+    ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
     ASSERT_EQ(events.waitFor(3), 3u);
     EXPECT_EQ(events.at(2), std::make_pair(2u, deviceLine("NE0001", 56340, "network:sn:NE0001", "0")));
     std::uint32_t rc = 0;
@@ -138,18 +122,18 @@ TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
     sim->terminate();
     enumerate(kLoopback + "force-rescan 1\ndiscovery-timeout 300", rc);
     ASSERT_EQ(events.waitFor(6), 6u);
-    EXPECT_EQ(events.at(4).first, 2u);
-    EXPECT_EQ(events.at(5).first, 2u);
-    EXPECT_NE(events.at(4).second.find("NE0001"), std::string::npos);
-    EXPECT_NE(events.at(5).second.find("NE0002"), std::string::npos);
+    EXPECT_EQ(events.at(4), std::make_pair(2u, deviceLine("NE0001", 56340, "network:127.0.0.1:56340")));
+    EXPECT_EQ(events.at(5), std::make_pair(2u, deviceLine("NE0002", 56341, "network:127.0.0.1:56341")));
     EXPECT_EQ(events.reentryFailures(), 6u);
 }
 
 TEST(NetworkEnumeration, GlobalInterfaceNoneEndsDiscoveryUntilSetAgain) {
     EventLog events;
     ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
-    ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:none"), KM_IO_OK);
-    const auto sim = startSimulator("127.0.0.1", 1, 56350);
+    // "none" wins over the entries around it.
+    ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1\ndiscovery-iface network:none"),
+              KM_IO_OK);
+    const auto sim = startSimulator(1, 56350);
     EXPECT_EQ(events.waitFor(1, 1s), 0u) << "a channel outlived \"none\"";
     // A new channel asks at once, so the running device is reported.
     ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface usb:sn:1\ndiscovery-iface network:127.0.0.1:9"),
@@ -158,12 +142,11 @@ TEST(NetworkEnumeration, GlobalInterfaceNoneEndsDiscoveryUntilSetAgain) {
     EXPECT_EQ(events.at(0), std::make_pair(1u, deviceLine("NE0001", 56350, "network:sn:NE0001")));
 }
 
-// Enumerations, global settings and events all at once must neither
-// deadlock nor trip the sanitizers; the process must also exit cleanly with
-// channels alive.
+// Enumerations, global settings and events at once: no deadlock, and a clean
+// exit with channels alive.
 TEST(NetworkEnumeration, ConcurrentUseSettlesWithoutDeadlock) {
     EventLog events;
-    const auto sim = startSimulator("127.0.0.1", 3, 56360);
+    const auto sim = startSimulator(3, 56360);
     std::atomic<bool> done{false};
     std::thread enumerator([&] {
         std::uint32_t rc = 0;
