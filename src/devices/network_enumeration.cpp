@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "devices/network_discovery.h"
@@ -39,33 +40,27 @@ bool passesFilters(const NetworkEnumerationOptions& options, const kalometnd::Di
            (!options.findOnlyAvailable || device.available);
 }
 
-// The "discovery-iface" values as a set of interfaces, nullopt for "none".
-// Throws OptionsError for an entry that names no interface, so that a bad
-// request changes nothing.
-std::optional<std::set<Ipv4>> discoveryInterfaces(const std::vector<std::string>& entries) {
-    std::set<Ipv4> addresses;
-    for (const std::string& entry : entries) {
-        if (entry.compare(0, kNetworkPrefix.size(), kNetworkPrefix) != 0) {
-            continue;
-        }
-        std::string_view rest = std::string_view(entry).substr(kNetworkPrefix.size());
-        rest = rest.substr(0, rest.find(':'));
-        if (rest == "none") {
-            return std::nullopt;
-        }
-        if (rest == "all") {
-            for (const Ipv4 address : localAddresses()) {
-                addresses.insert(address);
-            }
-            continue;
-        }
-        const std::optional<Ipv4> address = parseIpv4(rest);
-        if (!address || *address == 0) {
-            throw OptionsError("Invalid interface: " + entry);
-        }
-        addresses.insert(*address);
+// True when an entry is "network:none" (anything may follow another ':').
+bool selectsNone(const std::string& entry) {
+    if (entry.compare(0, kNetworkPrefix.size(), kNetworkPrefix) != 0) {
+        return false;
     }
-    return addresses;
+    const std::string_view rest = std::string_view(entry).substr(kNetworkPrefix.size());
+    return rest.substr(0, rest.find(':')) == "none";
+}
+
+// The "discovery-iface" values as a set of interfaces; empty for "none",
+// which wins over every entry around it. Throws OptionsError for an entry
+// that names no interface, so that a bad request changes nothing.
+std::set<Ipv4> discoveryInterfaces(const std::vector<std::string>& entries) {
+    if (std::any_of(entries.begin(), entries.end(), selectsNone)) {
+        return {};
+    }
+    std::optional<std::set<Ipv4>> addresses = parseInterfaceSelectors(entries, localAddresses);
+    if (!addresses) {
+        throw OptionsError("Invalid discovery-iface value");
+    }
+    return std::move(*addresses);
 }
 
 }  // namespace
@@ -100,7 +95,7 @@ std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options) {
             settings.locatorFormat = parseLocatorFormat(*options.locatorFormatNetwork);
         }
         if (options.discoveryIface) {
-            settings.interfaces = discoveryInterfaces(*options.discoveryIface).value_or(std::set<Ipv4>{});
+            settings.interfaces = discoveryInterfaces(*options.discoveryIface);
         }
     } catch (const OptionsError&) {
         return KM_IO_ERR_BAD_OPTIONS;
