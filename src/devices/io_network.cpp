@@ -86,10 +86,7 @@ std::uint32_t IoNetwork::open(std::shared_ptr<IoDevice> self) {
 
 void IoNetwork::close(bool wait) {
     receiver_.stop(wait, [this] {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stop_ = true;
-        }
+        stop_.store(true);
         // Cuts the current 300 ms wait short.
         if (wake_) {
             wake_->signal();
@@ -125,11 +122,11 @@ std::uint32_t IoNetwork::getProperty(const char*, char* value, std::size_t* ioSi
 }
 
 bool IoNetwork::stopRequested() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (!stop_) {
+    if (!stop_.load()) {
         return false;
     }
     socket_.shutdownBoth();
+    std::lock_guard<std::mutex> lock(mutex_);
     socket_.reset();
     return true;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -41,9 +42,10 @@ namespace kmio {
 //    application that wants to tell failures apart must register onError.
 //
 // send() writes all bytes under the device mutex and never raises SIGPIPE;
-// 0 bytes succeed without touching the socket. close() sets the stop flag
-// under the same mutex and wakes the receiving thread, which shuts the socket
-// down and closes it; close(true) therefore returns within a few milliseconds.
+// 0 bytes succeed without touching the socket. close() sets the stop flag and
+// wakes the receiving thread, which shuts the socket down and closes it;
+// close(true) therefore returns within a few milliseconds, even while a send
+// is blocked (that send then fails with KM_IO_ERR_SEND_FAILED).
 class IoNetwork final : public IoDevice {
 public:
     IoNetwork(std::string locator, std::string options, void* userContext, KM_IO_ReceiveCallback onReceive,
@@ -65,8 +67,9 @@ private:
     std::uint32_t connectTimeoutMs() const;
     void receiveLoop();
     // Ends the receiving thread's pass when the stop flag is set: shuts the
-    // socket down and closes it under the mutex, so that no send can use a
-    // closed handle. True when the thread must end.
+    // socket down (which also wakes a send blocked on a full buffer), then
+    // closes it under the send mutex, so that no send can use a closed
+    // handle. True when the thread must end.
     bool stopRequested();
 
     // Platform layer (io_network_posix.cpp). Errors are the platform's error
@@ -85,9 +88,12 @@ private:
     static bool isInterrupted(int error);
 
     SerialNumberResolver resolver_;
-    std::mutex mutex_;  // guards stop_ and socket_'s lifetime; serialises sends
+    std::mutex mutex_;  // serialises sends; guards closing socket_ against them
     ReceiverThread receiver_;
-    bool stop_ = false;
+    // Not under mutex_: a send blocked on a peer that does not read holds the
+    // mutex, and the receiving thread must still see the stop (and keep
+    // receiving, which is what unblocks an echoing peer) without waiting for it.
+    std::atomic<bool> stop_{false};
     Socket socket_;
     std::optional<WakeEvent> wake_;  // made by open(), so construction does no I/O
 };

@@ -23,21 +23,22 @@ struct Sink {
     std::condition_variable changed;
     std::vector<std::uint8_t> bytes;
     std::size_t largestBlock = 0;
-    int lost = 0;    // KM_IO_ERR_LINK_LOST reports
-    int failed = 0;  // any other report
+    int lost = 0, failed = 0;  // KM_IO_ERR_LINK_LOST reports, and all others
 
-    static void onReceive(void* context, const std::uint8_t* data, std::size_t length) {
-        auto* sink = static_cast<Sink*>(context);
-        std::lock_guard<std::mutex> lock(sink->mutex);
-        sink->bytes.insert(sink->bytes.end(), data, data + length);
-        sink->largestBlock = std::max(sink->largestBlock, length);
-        sink->changed.notify_all();
+    static void onReceive(void* self, const std::uint8_t* data, std::size_t length) {
+        static_cast<Sink*>(self)->update([&](Sink& s) {
+            s.bytes.insert(s.bytes.end(), data, data + length);
+            s.largestBlock = std::max(s.largestBlock, length);
+        });
     }
-    static void onError(void* context, std::uint32_t code) {
-        auto* sink = static_cast<Sink*>(context);
-        std::lock_guard<std::mutex> lock(sink->mutex);
-        ++(code == KM_IO_ERR_LINK_LOST ? sink->lost : sink->failed);
-        sink->changed.notify_all();
+    static void onError(void* self, std::uint32_t code) {
+        static_cast<Sink*>(self)->update(
+            [&](Sink& s) { ++(code == KM_IO_ERR_LINK_LOST ? s.lost : s.failed); });
+    }
+    void update(const std::function<void(Sink&)>& change) {
+        std::lock_guard<std::mutex> lock(mutex);
+        change(*this);
+        changed.notify_all();
     }
     bool waitFor(const std::function<bool()>& done) {
         std::unique_lock<std::mutex> lock(mutex);
@@ -45,16 +46,11 @@ struct Sink {
     }
 };
 
-constexpr Ipv4 kLoopback = 0x7F000001;
-
 // Finds "SN1" at 127.0.0.1 on the given port; nothing else exists.
 SerialNumberResolver resolverFor(std::uint16_t port) {
     return [port](const std::string& serial, const NetworkOpenOptions&, DiscoveredAddress& found) {
-        if (serial != "SN1") {
-            return KM_IO_ERR_NOT_FOUND;
-        }
-        found = {kLoopback, port};
-        return KM_IO_OK;
+        found = {0x7F000001, port};
+        return serial == "SN1" ? KM_IO_OK : KM_IO_ERR_NOT_FOUND;
     };
 }
 
@@ -93,9 +89,6 @@ TEST(IoNetwork, LocatorAndPortRulesReachTheirResults) {
         {"network:127.0.0.1:abc", "", KM_IO_ERR_BAD_OPTIONS},
         {"network:127.0.0.1", "", KM_IO_ERR_BAD_OPTIONS},
         {"network:127.0.0.1:" + p, "port 70000", KM_IO_ERR_BAD_OPTIONS},
-        {"network:127.0.0.1:" + p, "port x", KM_IO_ERR_BAD_OPTIONS},
-        {"network:127.0.0.1:" + p, "strict\nbaudrate 9600", KM_IO_ERR_BAD_OPTIONS},
-        {"network:a:b:c", "", KM_IO_ERR_BAD_LOCATOR},
         {"network:sn:SN1", "", KM_IO_OK},
         {"network:sn:SN1:0", "", KM_IO_OK},
         {"network:sn:SN2", "port " + p, KM_IO_ERR_NOT_FOUND},
@@ -137,17 +130,26 @@ TEST(IoNetwork, ConnectTimeoutIsReadFromTheRawOptionText) {
     }
 }
 
-TEST(IoNetwork, MovesOneMebibyteBothWaysIntact) {
+TEST(IoNetwork, MovesSixteenMebibytesBothWaysIntactAndHasNoProperties) {
     test::TcpPeer peer;
     Sink sink;
     Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
     ASSERT_EQ(opened.result, KM_IO_OK);
-    std::vector<std::uint8_t> data(1 << 20);
+    EXPECT_EQ(opened.device->send(nullptr, 0), KM_IO_OK);
+    // More than the socket buffers of both directions hold: the send only
+    // completes if receiving goes on while it blocks.
+    std::vector<std::uint8_t> data(16 << 20);
     for (std::size_t i = 0; i < data.size(); ++i) {
         data[i] = static_cast<std::uint8_t>((i * 7) ^ (i >> 9));
     }
     EXPECT_EQ(opened.device->send(data.data(), data.size()), KM_IO_OK);
     EXPECT_TRUE(sink.waitFor([&] { return sink.bytes.size() >= data.size(); }));
+
+    char value[8] = "stale";
+    std::size_t size = sizeof value;
+    EXPECT_EQ(opened.device->getProperty("network-host", value, &size), KM_IO_ERR_UNKNOWN_PROPERTY);
+    EXPECT_EQ(value[0], '\0');
+    EXPECT_EQ(size, 0u);
     opened.device->close(true);
     EXPECT_TRUE(sink.bytes == data);
     EXPECT_LE(sink.largestBlock, 1024u);
@@ -169,56 +171,28 @@ TEST(IoNetwork, PeerCloseReportsLinkLostOnEveryPassUntilClosed) {
         sent = opened.device->send(&byte, 1);
     }
     EXPECT_EQ(sent, KM_IO_ERR_SEND_FAILED);
-
-    const auto start = Clock::now();
     opened.device->close(true);
-    EXPECT_LT(Clock::now() - start, 250ms);
-    std::lock_guard<std::mutex> lock(sink.mutex);
     EXPECT_EQ(sink.failed, 0);
     EXPECT_TRUE(sink.bytes.empty());
 }
 
-TEST(IoNetwork, CloseReturnsPromptlyAndReleasesTheDevice) {
+TEST(IoNetwork, CloseReturnsPromptlyAndTheThreadReleasesTheDevice) {
     test::TcpPeer peer;
-    const std::string locator = "network:127.0.0.1:" + std::to_string(peer.port());
-    for (int i = 0; i < 5; ++i) {
+    for (const bool wait : {true, true, true, false}) {
         Sink sink;
-        Opened opened = open(locator, "", sink);
+        Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
         ASSERT_EQ(opened.result, KM_IO_OK);
+        const std::weak_ptr<IoNetwork> watch = opened.device;
         const auto start = Clock::now();
-        opened.device->close(true);
+        opened.device->close(wait);
         EXPECT_LT(Clock::now() - start, 250ms);
+        // Without waiting, the receiving thread holds the device until it ends.
+        opened.device.reset();
+        while (!watch.expired() && Clock::now() - start < 5s) {
+            std::this_thread::sleep_for(1ms);
+        }
+        EXPECT_TRUE(watch.expired());
     }
-    // Without waiting, the receiving thread keeps the device alive until it ends.
-    Sink sink;
-    Opened opened = open(locator, "", sink);
-    ASSERT_EQ(opened.result, KM_IO_OK);
-    std::weak_ptr<IoNetwork> watch = opened.device;
-    opened.device->close(false);
-    opened.device.reset();
-    const auto start = Clock::now();
-    while (!watch.expired() && Clock::now() - start < 5s) {
-        std::this_thread::sleep_for(1ms);
-    }
-    EXPECT_TRUE(watch.expired());
-}
-
-TEST(IoNetwork, EmptySendAndPropertiesTouchNothing) {
-    test::TcpPeer peer;
-    Sink sink;
-    Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
-    ASSERT_EQ(opened.result, KM_IO_OK);
-    EXPECT_EQ(opened.device->send(nullptr, 0), KM_IO_OK);
-
-    char value[8] = "stale";
-    std::size_t size = sizeof value;
-    EXPECT_EQ(opened.device->getProperty("network-host", value, &size), KM_IO_ERR_UNKNOWN_PROPERTY);
-    EXPECT_EQ(value[0], '\0');
-    EXPECT_EQ(size, 0u);
-    size = 0;
-    EXPECT_EQ(opened.device->getProperty("x", nullptr, &size), KM_IO_ERR_UNKNOWN_PROPERTY);
-    EXPECT_EQ(size, 0u);
-    opened.device->close(true);
 }
 
 }  // namespace
