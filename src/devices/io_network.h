@@ -26,15 +26,14 @@ namespace kmio {
 //
 // Receiving thread, one pass at a time:
 //  - waits up to 300 ms for the socket to become readable (or for close);
-//  - readable with bytes pending: receives them in blocks of at most 1024
-//    bytes and hands each block to onReceive;
+//  - readable with bytes pending: hands them to onReceive in blocks of at
+//    most 1024 bytes;
 //  - readable with nothing pending means the peer closed the connection:
 //    onError gets KM_IO_ERR_LINK_LOST (7). The thread does not give up on its
 //    own: every following pass finds the same state and reports 7 again,
 //    without delay, until the application closes the device;
-//  - any other failure of the wait or of the pending-bytes query reports
-//    KM_IO_ERR_LINK_FAILED (8); a failed receive reports 7 when it timed out,
-//    else 8.
+//  - a failed wait or receive reports 7 when it timed out, else
+//    KM_IO_ERR_LINK_FAILED (8); a failed pending-bytes query reports 8.
 //  - Without an onError callback, a failed receive is handed to onReceive
 //    instead, with the receive call's result of -1 as its length. The length
 //    parameter is a size_t, so the application sees SIZE_MAX (and the buffer

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -193,6 +194,23 @@ TEST(IoNetwork, CloseReturnsPromptlyAndTheThreadReleasesTheDevice) {
         }
         EXPECT_TRUE(watch.expired());
     }
+}
+
+TEST(IoNetwork, CloseEndsASendBlockedOnAPeerThatDoesNotRead) {
+    std::uint16_t port = 0;
+    const UniqueFd silent = test::loopbackSocket(1, port);  // never accepts, never reads
+    Sink sink;
+    Opened opened = open("network:127.0.0.1:" + std::to_string(port), "", sink);
+    ASSERT_EQ(opened.result, KM_IO_OK);
+    const std::vector<std::uint8_t> data(64 << 20);
+    std::atomic<std::uint32_t> sent{~0u};
+    std::thread sender([&] { sent = opened.device->send(data.data(), data.size()); });
+    std::this_thread::sleep_for(100ms);  // let the socket buffers fill
+    const auto start = Clock::now();
+    opened.device->close(true);
+    EXPECT_LT(Clock::now() - start, 250ms);
+    sender.join();
+    EXPECT_EQ(sent, KM_IO_ERR_SEND_FAILED);
 }
 
 }  // namespace
