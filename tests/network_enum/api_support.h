@@ -23,11 +23,15 @@ using namespace std::chrono_literals;
 inline const std::string kLoopback = "iface-type network\niface network:127.0.0.1\n";
 
 // KM_IO_EnumerateDevices(9999, ...) and the lines naming our devices: other
-// programs may run simulators on loopback too.
+// programs may run simulators on loopback too. A pass waits 500 ms for replies
+// unless the options say otherwise (the first value of a key wins): on a
+// loaded machine, sanitizers included, the default 100 ms can expire before
+// a reply is read, and the pass would then age out a device that is there.
 inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
     std::vector<char> buffer(1 << 20);
     std::size_t size = buffer.size();
-    rc = KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options.c_str(), buffer.data(), &size);
+    const std::string withTimeout = options + "\ndiscovery-timeout 500";
+    rc = KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, withTimeout.c_str(), buffer.data(), &size);
     std::istringstream text(std::string(buffer.data(), rc == KM_IO_OK ? size : 0));
     std::string ours;
     for (std::string line; std::getline(text, line);) {

@@ -78,7 +78,7 @@ TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
     EXPECT_EQ(KM_IO_Open(&handle, "network:sn:NOPE", "iface network:127.0.0.1", nullptr, &ignore, nullptr),
               KM_IO_ERR_NOT_FOUND);
     // A forced discovery for the serial number finds it.
-    expectEcho("network:sn:NE0002", "iface network:127.0.0.1");
+    expectEcho("network:sn:NE0002", "iface network:127.0.0.1\ndiscovery-timeout 500");
     // That search asked for NE0002 only; a full pass adds NE0001 to the
     // cache too, where an open without interfaces finds it.
     std::uint32_t rc = 0;
@@ -120,7 +120,7 @@ TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
 
     // Stopped devices are dropped by the next pass that they do not answer.
     sim->terminate();
-    enumerate(kLoopback + "force-rescan 1\ndiscovery-timeout 300", rc);
+    enumerate(kLoopback + "force-rescan 1", rc);
     ASSERT_EQ(events.waitFor(6), 6u);
     EXPECT_EQ(events.at(4), std::make_pair(2u, deviceLine("NE0001", 56340, "network:127.0.0.1:56340")));
     EXPECT_EQ(events.at(5), std::make_pair(2u, deviceLine("NE0002", 56341, "network:127.0.0.1:56341")));

@@ -42,7 +42,7 @@ ParsedArgs ArgParser::parse(const std::vector<std::string>& args, std::size_t mi
             optionsEnded = true;
             continue;
         }
-        const OptionSpec* spec = nullptr;
+        const OptionSpec* option = nullptr;
         std::string inlineValue;
         bool hasInlineValue = false;
         if (arg[1] == '-') {
@@ -52,31 +52,31 @@ ParsedArgs ArgParser::parse(const std::vector<std::string>& args, std::size_t mi
                 hasInlineValue = true;
                 name.resize(eq);
             }
-            spec = findLong(name);
+            option = findLong(name);
         } else {
-            spec = findShort(arg[1]);
+            option = findShort(arg[1]);
             if (arg.size() > 2) {
                 inlineValue = arg.substr(2);
                 hasInlineValue = true;
             }
         }
-        if (spec == nullptr) {
+        if (option == nullptr) {
             throw UsageError("unknown option '" + arg + "'");
         }
-        if (!spec->takesValue) {
+        if (!option->takesValue) {
             if (hasInlineValue) {
-                throw UsageError("option --" + spec->name + " takes no value");
+                throw UsageError("option --" + option->name + " takes no value");
             }
-            parsed.options[spec->name].emplace_back();
+            parsed.options[option->name].emplace_back();
             continue;
         }
         if (!hasInlineValue) {
             if (i + 1 >= args.size()) {
-                throw UsageError("option --" + spec->name + " needs a value");
+                throw UsageError("option --" + option->name + " needs a value");
             }
             inlineValue = args[++i];
         }
-        parsed.options[spec->name].push_back(inlineValue);
+        parsed.options[option->name].push_back(inlineValue);
     }
     if (parsed.positional.size() < minPositional) {
         throw UsageError("missing argument");
