@@ -28,6 +28,7 @@
 #include "discovery/exceptions.h"
 #include "discovery/packet.h"
 #include "platform/error_text.h"
+#include "platform/socket_address.h"
 #include "platform/steady_clock.h"
 #include "platform/unique_fd.h"
 #include "platform/wake_event.h"
@@ -43,14 +44,6 @@ enum class ChannelKind : std::uint32_t { Broadcast = 0, Multicast = 1 };
 
 [[noreturn]] void throwSystem(const std::string& what, int error) {
     throw NetworkException(what + ": " + kmio::systemErrorText(error));
-}
-
-sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port) {
-    sockaddr_in out{};
-    out.sin_family = AF_INET;
-    out.sin_addr.s_addr = htonl(address);
-    out.sin_port = htons(port);
-    return out;
 }
 
 // The interface that carries an address (loopback included), with its mask.
@@ -96,9 +89,9 @@ public:
         const std::uint16_t port = kind == ChannelKind::Broadcast ? kBroadcastPort : kMulticastPort;
         if (kind == ChannelKind::Broadcast) {
             const std::uint32_t broadcast = iface ? (interfaceAddress | ~iface->netmask) : 0;
-            destination_ = socketAddress(broadcast, kBroadcastPort);
+            destination_ = kmio::ipv4SocketAddress(broadcast, kBroadcastPort);
         } else {
-            destination_ = socketAddress(kMulticastGroup, kMulticastPort);
+            destination_ = kmio::ipv4SocketAddress(kMulticastGroup, kMulticastPort);
         }
 
         socket_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -116,7 +109,8 @@ public:
         raiseReceiveBuffer(fd);
 
         const bool boundToDevice = iface && bindToDevice(fd, iface->name);
-        const sockaddr_in local = socketAddress(boundToDevice ? INADDR_ANY : interfaceAddress, port);
+        const sockaddr_in local =
+            kmio::ipv4SocketAddress(boundToDevice ? INADDR_ANY : interfaceAddress, port);
         if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
             throwSystem(kind == ChannelKind::Broadcast ? "Could not bind to iface address"
                                                        : "Could not bind to multicast group",

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "discovery/discovery_log.h"
+#include "platform/socket_address.h"
 #include "platform/unique_fd.h"
 
 namespace ndtest {
@@ -65,14 +66,6 @@ inline Bytes handDatagram(std::uint8_t opcode, std::uint32_t version, std::uint3
     return b;
 }
 
-inline sockaddr_in endpoint(std::uint32_t address, std::uint16_t port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(address);
-    a.sin_port = htons(port);
-    return a;
-}
-
 struct Datagram {
     Bytes bytes;
     std::uint32_t source = 0;
@@ -91,7 +84,7 @@ public:
         int one = 1;
         ::setsockopt(fd_.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
         ::setsockopt(fd_.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-        const sockaddr_in local = endpoint(address, port);
+        const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
         if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
             throw std::runtime_error("bind");
         }
@@ -117,7 +110,7 @@ public:
     }
 
     void sendTo(std::uint32_t address, std::uint16_t port, const Bytes& bytes) const {
-        const sockaddr_in to = endpoint(address, port);
+        const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
         if (::sendto(fd_.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
                      sizeof to) < 0) {
             throw std::runtime_error("sendto");

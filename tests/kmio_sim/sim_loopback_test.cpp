@@ -14,6 +14,7 @@
 #include <set>
 
 #include "netns/child_process.h"
+#include "platform/socket_address.h"
 #include "platform/unique_fd.h"
 
 namespace kmiotest {
@@ -26,14 +27,6 @@ constexpr std::uint32_t kLoopback = 0x7F000001;
 constexpr std::uint32_t kLoopbackBroadcast = 0x7FFFFFFF;
 constexpr std::uint32_t kGroup = 0xEF010115;  // 239.1.1.21
 constexpr std::uint32_t kAny = 0xFFFFFFFF;
-
-sockaddr_in endpoint(std::uint32_t address, std::uint16_t port) {
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(address);
-    a.sin_port = htons(port);
-    return a;
-}
 
 // Header of 96 bytes: 0xC2, u16 LE size-3, opcode, "PDNK", u32 LE version,
 // u32 LE selector, 64-byte serial number, 16-byte token; no payload.
@@ -95,7 +88,7 @@ public:
         const in_addr loop{htonl(kLoopback)};
         setsockopt(fd_.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
         setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loop, sizeof loop);
-        const sockaddr_in local = endpoint(kLoopback, 0);
+        const sockaddr_in local = kmio::ipv4SocketAddress(kLoopback, 0);
         EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
     }
     static Udp groupListener() {
@@ -103,7 +96,7 @@ public:
         udp.fd_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         const int on = 1;
         setsockopt(udp.fd_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        const sockaddr_in local = endpoint(kGroup, 65110);
+        const sockaddr_in local = kmio::ipv4SocketAddress(kGroup, 65110);
         EXPECT_EQ(::bind(udp.fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
         const ip_mreq membership{{htonl(kGroup)}, {htonl(kLoopback)}};
         EXPECT_EQ(setsockopt(udp.fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership),
@@ -111,7 +104,7 @@ public:
         return udp;
     }
     void send(std::uint32_t address, std::uint16_t port, const Bytes& d) {
-        const sockaddr_in to = endpoint(address, port);
+        const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
         ASSERT_EQ(
             ::sendto(fd_.get(), d.data(), d.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
             static_cast<ssize_t>(d.size()));
@@ -216,7 +209,7 @@ TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
     startSim(sim, 47420, {"--count", "2", "--device-type", "3"});
     const auto connectTo = [](std::uint16_t port) {
         kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const sockaddr_in to = endpoint(kLoopback, port);
+        const sockaddr_in to = kmio::ipv4SocketAddress(kLoopback, port);
         EXPECT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to), 0);
         return fd;
     };

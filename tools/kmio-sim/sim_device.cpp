@@ -1,4 +1,5 @@
 #include "sim_device.h"
+#include "platform/socket_address.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -21,10 +22,7 @@ void SimDevice::listen(std::uint32_t address) {
     const std::string where = kmio::formatIpv4(address) + ":" + std::to_string(port_);
     kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
-    sockaddr_in local{};
-    local.sin_family = AF_INET;
-    local.sin_addr.s_addr = htonl(address);
-    local.sin_port = htons(port_);
+    const sockaddr_in local = kmio::ipv4SocketAddress(address, port_);
     if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
         ::listen(fd.get(), 4) != 0) {

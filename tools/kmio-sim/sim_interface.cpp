@@ -1,4 +1,5 @@
 #include "sim_interface.h"
+#include "platform/socket_address.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -19,14 +20,6 @@ namespace {
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::runtime_error(what + ": " + kmio::lastSystemErrorText());
-}
-
-sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port) {
-    sockaddr_in out{};
-    out.sin_family = AF_INET;
-    out.sin_addr.s_addr = htonl(address);
-    out.sin_port = htons(port);
-    return out;
 }
 
 std::uint32_t netmaskOf(std::uint32_t address) {
@@ -71,7 +64,7 @@ void setInt(const kmio::UniqueFd& fd, int level, int option, int value, const ch
 }
 
 void bindTo(const kmio::UniqueFd& fd, std::uint32_t address, std::uint16_t port) {
-    const sockaddr_in local = socketAddress(address, port);
+    const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
     if (::bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
         fail("Could not bind to " + kmio::formatIpv4(address) + ":" + std::to_string(port));
     }
@@ -110,7 +103,7 @@ SimInterface::SimInterface(std::uint32_t address)
 
 int SimInterface::sendTo(std::uint32_t address, std::uint16_t port,
                          std::span<const std::uint8_t> datagram) const {
-    const sockaddr_in to = socketAddress(address, port);
+    const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
     const ssize_t sent = ::sendto(sender_.get(), datagram.data(), datagram.size(), 0,
                                   reinterpret_cast<const sockaddr*>(&to), sizeof to);
     return sent < 0 ? errno : 0;
