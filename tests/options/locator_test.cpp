@@ -7,32 +7,6 @@
 
 using namespace kmio;
 
-TEST(Locator, TokenizeDropsEmptyTokens) {
-    EXPECT_EQ(tokenizeLocator("network:::10.0.0.1:::"), (std::vector<std::string>{"network", "10.0.0.1"}));
-    EXPECT_TRUE(tokenizeLocator(":::").empty());
-}
-
-TEST(Locator, ClassifyByPrefix) {
-    const struct {
-        const char* locator;
-        std::uint32_t rc, type;
-    } cases[] = {
-        {"usb:sn:X", KM_IO_OK, 1},
-        {"network:", KM_IO_OK, 2},
-        {"serial:COM3:junk", KM_IO_OK, 3},
-        {"usb", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"Usb:sn:X", KM_IO_ERR_BAD_LOCATOR, 0},
-        {":usb", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"usbnet:x", KM_IO_ERR_BAD_LOCATOR, 0},
-        {"", KM_IO_ERR_BAD_LOCATOR, 0},
-    };
-    for (const auto& c : cases) {
-        std::uint32_t type = 77;
-        EXPECT_EQ(classifyLocator(c.locator, type), c.rc) << c.locator;
-        EXPECT_EQ(type, c.type) << c.locator;
-    }
-}
-
 TEST(Locator, SerialShape) {
     std::string name;
     EXPECT_EQ(parseSerialLocator("serial:/dev/pts/3", name), KM_IO_OK);
@@ -81,7 +55,7 @@ TEST(Locator, FormatsAndWrittenForms) {
             parseLocatorFormat(bad);
             ADD_FAILURE() << bad;
         } catch (const OptionsError& e) {
-            EXPECT_EQ(std::string(e.what()), std::string("Unknown locator format: ") + bad);
+            EXPECT_EQ(e.what(), std::string("Unknown locator format: ") + bad);
         }
     }
     EXPECT_EQ(writeNetworkLocator(LocatorFormat::BySerialNumber, "SN 01", 0x0A000005u, 80),
@@ -91,54 +65,53 @@ TEST(Locator, FormatsAndWrittenForms) {
 }
 
 TEST(Locator, NetworkAtOpen) {
-    // The test lookup knows one serial number, fails with 4 for "BADIFACE"
-    // and reports every other as not found.
+    // The test lookup knows K1, finds K0 without a port (which leaves no port
+    // at all), fails with 4 for "BADIFACE" and reports every other as not found.
     std::vector<std::string> asked;
     const SerialNumberResolver resolver = [&](const std::string& sn, const NetworkOpenOptions&,
                                               DiscoveredAddress& found) -> std::uint32_t {
         asked.push_back(sn);
         if (sn == "BADIFACE")
             return KM_IO_ERR_BAD_OPTIONS;
-        if (sn != "K1")
+        if (sn != "K1" && sn != "K0")
             return KM_IO_ERR_NOT_FOUND;
-        found = {0x0A000009u, 7000};
+        found = {0x0A000009u, sn == "K1" ? std::uint16_t{7000} : std::uint16_t{0}};
         return KM_IO_OK;
     };
     const struct {
         const char* locator;
         std::uint32_t optionPort;
         std::uint32_t rc;
-        const char* host;
-        std::uint16_t port;
+        const char* target = "";
     } cases[] = {
-        {"network:192.168.1.20:5000", 0, KM_IO_OK, "192.168.1.20", 5000},
-        {"network:192.168.1.20", 5000, KM_IO_OK, "192.168.1.20", 5000},
-        {"network:192.168.1.20", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:192.168.1.20:0", 6000, KM_IO_OK, "192.168.1.20", 6000},
-        {"network:h:5000", 6000, KM_IO_OK, "h", 5000},
-        {"network:h:70000", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:h:65536", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:h:65535", 0, KM_IO_OK, "h", 65535},
-        {"network:h:abc", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:h:4000x", 0, KM_IO_OK, "h", 4000},
-        {"network:h: +80", 0, KM_IO_OK, "h", 80},
-        {"network:h:99999999999", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:h:5000", 70000, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"usb:h:5000", 70000, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:sn", 80, KM_IO_OK, "sn", 80},
-        {"network:::10.0.0.1:::", 80, KM_IO_OK, "10.0.0.1", 80},
-        {"network:sn:X:1:2", 80, KM_IO_ERR_BAD_LOCATOR, "", 0},
-        {"network:a:b:c", 80, KM_IO_ERR_BAD_LOCATOR, "", 0},
-        {"network", 80, KM_IO_ERR_BAD_LOCATOR, "", 0},
-        {"usbnet:h:80", 0, KM_IO_ERR_BAD_LOCATOR, "", 0},
-        {"Network:h:80", 0, KM_IO_ERR_BAD_LOCATOR, "", 0},
-        {"network:sn:K1", 0, KM_IO_OK, "10.0.0.9", 7000},
-        {"network:sn:K1", 6000, KM_IO_OK, "10.0.0.9", 6000},
-        {"network:sn:K1:5000", 6000, KM_IO_OK, "10.0.0.9", 5000},
-        {"network:sn:K1:0", 0, KM_IO_OK, "10.0.0.9", 7000},
-        {"network:sn:K1:x", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
-        {"network:sn:K2", 0, KM_IO_ERR_NOT_FOUND, "", 0},
-        {"network:sn:BADIFACE", 0, KM_IO_ERR_BAD_OPTIONS, "", 0},
+        {"network:192.168.1.20:5000", 0, KM_IO_OK, "192.168.1.20:5000"},
+        {"network:192.168.1.20", 5000, KM_IO_OK, "192.168.1.20:5000"},
+        {"network:192.168.1.20", 0, KM_IO_ERR_BAD_OPTIONS},
+        {"network:192.168.1.20:0", 6000, KM_IO_OK, "192.168.1.20:6000"},
+        {"network:h:5000", 6000, KM_IO_OK, "h:5000"},
+        {"network:h:65536", 0, KM_IO_ERR_BAD_OPTIONS},
+        {"network:h:65535", 0, KM_IO_OK, "h:65535"},
+        {"network:h:abc", 0, KM_IO_ERR_BAD_OPTIONS},
+        {"network:h:4000x", 0, KM_IO_OK, "h:4000"},
+        {"network:h: +80", 0, KM_IO_OK, "h:80"},
+        {"network:h:99999999999", 0, KM_IO_ERR_BAD_OPTIONS},
+        {"network:h:5000", 70000, KM_IO_ERR_BAD_OPTIONS},
+        {"usb:h:5000", 70000, KM_IO_ERR_BAD_OPTIONS},
+        {"network:sn", 80, KM_IO_OK, "sn:80"},
+        {"network:::10.0.0.1:::", 80, KM_IO_OK, "10.0.0.1:80"},
+        {"network:sn:X:1:2", 80, KM_IO_ERR_BAD_LOCATOR},
+        {"network:a:b:c", 80, KM_IO_ERR_BAD_LOCATOR},
+        {"network", 80, KM_IO_ERR_BAD_LOCATOR},
+        {"usbnet:h:80", 0, KM_IO_ERR_BAD_LOCATOR},
+        {"Network:h:80", 0, KM_IO_ERR_BAD_LOCATOR},
+        {"network:sn:K1", 0, KM_IO_OK, "10.0.0.9:7000"},
+        {"network:sn:K1", 6000, KM_IO_OK, "10.0.0.9:6000"},
+        {"network:sn:K1:5000", 6000, KM_IO_OK, "10.0.0.9:5000"},
+        {"network:sn:K1:0", 0, KM_IO_OK, "10.0.0.9:7000"},
+        {"network:sn:K1:x", 0, KM_IO_ERR_BAD_OPTIONS},
+        {"network:sn:K2", 0, KM_IO_ERR_NOT_FOUND},
+        {"network:sn:BADIFACE", 0, KM_IO_ERR_BAD_OPTIONS},
+        {"network:sn:K0", 0, KM_IO_ERR_BAD_OPTIONS},
     };
     for (const auto& c : cases) {
         NetworkOpenOptions options;
@@ -146,19 +119,8 @@ TEST(Locator, NetworkAtOpen) {
         NetworkTarget target;
         EXPECT_EQ(parseNetworkLocator(c.locator, options, resolver, target), c.rc) << c.locator;
         if (c.rc == KM_IO_OK) {
-            EXPECT_EQ(target.host, c.host) << c.locator;
-            EXPECT_EQ(target.port, c.port) << c.locator;
+            EXPECT_EQ(target.host + ":" + std::to_string(target.port), c.target) << c.locator;
         }
     }
-    EXPECT_EQ(asked, (std::vector<std::string>{"K1", "K1", "K1", "K1", "K1", "K2", "BADIFACE"}));
-
-    // A discovered port of 0 leaves no port at all.
-    const SerialNumberResolver noPort = [](const std::string&, const NetworkOpenOptions&,
-                                           DiscoveredAddress& found) {
-        found = {0x0A000009u, 0};
-        return KM_IO_OK;
-    };
-    NetworkTarget target;
-    EXPECT_EQ(parseNetworkLocator("network:sn:K1", NetworkOpenOptions{}, noPort, target),
-              KM_IO_ERR_BAD_OPTIONS);
+    EXPECT_EQ(asked, (std::vector<std::string>{"K1", "K1", "K1", "K1", "K1", "K2", "BADIFACE", "K0"}));
 }
