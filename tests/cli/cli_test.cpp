@@ -1,17 +1,20 @@
 // The kmio tool's command line: versions, help, usage errors, failures that
 // name the library's result code, and the listings.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <sstream>
 
-#include "child_process.h"
+#include "support/child_process.h"
+#include "support/tcp_peer.h"
 
-namespace kmio::clitest {
+namespace kmiotest {
 namespace {
+
+std::vector<std::string> kmio(std::vector<std::string> args) {
+    args.insert(args.begin(), KMIO_TOOL_PATH);
+    return args;
+}
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
@@ -23,19 +26,19 @@ std::vector<std::string> lines(const std::string& text) {
 }
 
 TEST(KmioCli, VersionNamesToolAndLibrary) {
-    RunResult r = runKmio({"version"});
+    const RunResult r = run(kmio({"version"}));
     EXPECT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.out, "kmio 2.2.0 (library 2.2.0)\n");
 }
 
 TEST(KmioCli, EveryCommandHasHelp) {
-    RunResult overview = runKmio({"help"});
+    const RunResult overview = run(kmio({"help"}));
     ASSERT_EQ(overview.status, 0);
     for (const char* name : {"version", "list", "interfaces", "open", "send", "watch"}) {
         EXPECT_NE(overview.out.find(std::string("  ") + name + " "), std::string::npos) << name;
         for (const auto& args :
              {std::vector<std::string>{name, "--help"}, std::vector<std::string>{"help", name}}) {
-            RunResult r = runKmio(args);
+            const RunResult r = run(kmio(args));
             EXPECT_EQ(r.status, 0) << name;
             EXPECT_EQ(r.out.rfind(std::string("Usage: kmio ") + name, 0), 0u) << r.out;
         }
@@ -62,7 +65,7 @@ TEST(KmioCli, UsageErrorsExitWithTwo) {
         {"version", "--raw=1"},
     };
     for (const auto& args : cases) {
-        RunResult r = runKmio(args);
+        const RunResult r = run(kmio(args));
         std::string shown = args.empty() ? "(none)" : args[0] + " ...";
         EXPECT_EQ(r.status, 2) << shown;
         EXPECT_TRUE(r.out.empty()) << shown << ": " << r.out;
@@ -85,7 +88,7 @@ TEST(KmioCli, FailuresNameTheResultCode) {
         {{"list", "--iface", "not-an-address"}, "kmio: cannot list devices: bad option string (4)\n"},
     };
     for (const auto& c : cases) {
-        RunResult r = runKmio(c.args);
+        const RunResult r = run(kmio(c.args));
         EXPECT_EQ(r.status, 1) << c.message;
         EXPECT_EQ(r.err, c.message);
     }
@@ -94,63 +97,48 @@ TEST(KmioCli, FailuresNameTheResultCode) {
 // The network link reports a lost link on every pass after the peer closed;
 // the tool must say so once and end instead of flooding stderr.
 TEST(KmioCli, PeerCloseIsReportedOnceAndEndsTheBridge) {
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(listener, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(listener, 1), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    std::string locator = "network:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-
-    ChildProcess child({"open", locator});
-    int peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    ::close(listener);
-    ASSERT_GE(peer, 0);
-    ASSERT_EQ(::write(peer, "bye\n", 4), 4);
+    std::uint16_t port = 0;
+    kmio::UniqueFd listener = kmio::test::loopbackSocket(1, port);
+    const std::string locator = "network:127.0.0.1:" + std::to_string(port);
+    ChildProcess child(kmio({"open", locator}));
+    kmio::UniqueFd peer(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_TRUE(peer);
+    ASSERT_EQ(::write(peer.get(), "bye\n", 4), 4);
     EXPECT_TRUE(child.waitForStdout("bye\n"));
-    ::close(peer);
+    peer.reset();
     EXPECT_EQ(child.wait(), 1);
     EXPECT_EQ(child.out(), "bye\n");
     EXPECT_EQ(child.err(), "kmio: link error on " + locator + ": the link was lost (7)\n");
 }
 
-// The table and the raw text come from the same listing, so every record of
-// the raw form must show up as a row with the same locator.
-TEST(KmioCli, SerialListingTableMatchesRawText) {
-    RunResult raw = runKmio({"list", "--type", "serial", "--raw"});
-    RunResult table = runKmio({"list", "--type", "serial"});
-    ASSERT_EQ(raw.status, 0) << raw.err;
-    ASSERT_EQ(table.status, 0) << table.err;
-    EXPECT_TRUE(raw.err.empty() && table.err.empty());
-    auto rawLines = lines(raw.out);
-    if (rawLines.empty()) {
-        EXPECT_EQ(table.out, "(no devices found)\n");
-        return;
+// The table and the raw text come from the same listing: every raw record
+// shows up, value by value, as a row under the header.
+TEST(KmioCli, SerialListingsShowTheRawRecordsAsTableRows) {
+    for (const std::string command : {"list", "interfaces"}) {
+        SCOPED_TRACE(command);
+        const RunResult raw = run(kmio({command, "--type", "serial", "--raw"}));
+        const RunResult table = run(kmio({command, "--type", "serial"}));
+        ASSERT_EQ(raw.status, 0) << raw.err;
+        ASSERT_EQ(table.status, 0) << table.err;
+        EXPECT_EQ(raw.err + table.err, "");
+        const auto records = lines(raw.out);
+        const auto rows = lines(table.out);
+        if (records.empty()) {
+            EXPECT_EQ(table.out, command == "list" ? "(no devices found)\n" : "(no interfaces found)\n");
+            continue;
+        }
+        ASSERT_EQ(rows.size(), records.size() + 1) << table.out;
+        EXPECT_EQ(rows[0].rfind("iface-type", 0), 0u) << rows[0];
+        for (std::size_t i = 0; i < records.size(); ++i) {
+            EXPECT_EQ(records[i].rfind("iface-type=serial|", 0), 0u) << records[i];
+            std::istringstream fields(records[i]);
+            for (std::string field; std::getline(fields, field, '|');) {
+                EXPECT_NE(rows[i + 1].find(field.substr(field.find('=') + 1)), std::string::npos)
+                    << rows[i + 1];
+            }
+        }
     }
-    auto rows = lines(table.out);
-    ASSERT_EQ(rows.size(), rawLines.size() + 1);
-    EXPECT_EQ(rows[0].rfind("iface-type", 0), 0u) << rows[0];
-    for (std::size_t i = 0; i < rawLines.size(); ++i) {
-        auto at = rawLines[i].find("locator=");
-        ASSERT_NE(at, std::string::npos) << rawLines[i];
-        std::string locator = rawLines[i].substr(at + 8, rawLines[i].find('|', at) - at - 8);
-        EXPECT_NE(rows[i + 1].find(locator), std::string::npos) << rows[i + 1];
-    }
-}
-
-TEST(KmioCli, SerialInterfacesListEveryPortWithItsName) {
-    RunResult raw = runKmio({"interfaces", "--type", "serial", "--raw"});
-    RunResult table = runKmio({"interfaces", "--type", "serial"});
-    ASSERT_EQ(raw.status, 0) << raw.err;
-    ASSERT_EQ(table.status, 0) << table.err;
-    for (const auto& line : lines(raw.out)) {
-        EXPECT_EQ(line.rfind("iface-type=serial|", 0), 0u) << line;
-    }
-    EXPECT_EQ(lines(table.out).size(), raw.out.empty() ? 1u : lines(raw.out).size() + 1);
 }
 
 }  // namespace
-}  // namespace kmio::clitest
+}  // namespace kmiotest

@@ -13,9 +13,9 @@
 #include <optional>
 #include <set>
 
-#include "netns/child_process.h"
 #include "platform/socket_address.h"
 #include "platform/unique_fd.h"
+#include "support/child_process.h"
 
 namespace kmiotest {
 namespace {
@@ -79,29 +79,21 @@ std::optional<Announcement> parse(const Bytes& d) {
     return a;
 }
 
-// A UDP socket: the client's own (ephemeral port), or one that hears the
-// devices' informs on the group.
+// A UDP socket: the client's own (ephemeral port), or with `group` one that
+// hears the devices' informs on the group.
 class Udp {
 public:
-    Udp() : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    explicit Udp(bool group = false) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         const int on = 1;
         const in_addr loop{htonl(kLoopback)};
-        setsockopt(fd_.get(), SOL_SOCKET, SO_BROADCAST, &on, sizeof on);
-        setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loop, sizeof loop);
-        const sockaddr_in local = kmio::ipv4SocketAddress(kLoopback, 0);
-        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
-    }
-    static Udp groupListener() {
-        Udp udp;
-        udp.fd_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        const int on = 1;
-        setsockopt(udp.fd_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        const sockaddr_in local = kmio::ipv4SocketAddress(kGroup, 65110);
-        EXPECT_EQ(::bind(udp.fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
         const ip_mreq membership{{htonl(kGroup)}, {htonl(kLoopback)}};
-        EXPECT_EQ(setsockopt(udp.fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership),
-                  0);
-        return udp;
+        setsockopt(fd_.get(), SOL_SOCKET, group ? SO_REUSEADDR : SO_BROADCAST, &on, sizeof on);
+        setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loop, sizeof loop);
+        const sockaddr_in local =
+            group ? kmio::ipv4SocketAddress(kGroup, 65110) : kmio::ipv4SocketAddress(kLoopback, 0);
+        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
+        EXPECT_TRUE(!group || setsockopt(fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
+                                         sizeof membership) == 0);
     }
     void send(std::uint32_t address, std::uint16_t port, const Bytes& d) {
         const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
@@ -141,28 +133,18 @@ private:
     kmio::UniqueFd fd_;
 };
 
-ChildProcess& startSim(std::optional<ChildProcess>& slot, std::uint16_t firstPort,
-                       std::vector<std::string> extra) {
-    std::vector<std::string> argv{KMIO_SIM_PATH,
-                                  "--iface",
-                                  "127.0.0.1",
-                                  "--serial-prefix",
-                                  "LB",
-                                  "--first-port",
-                                  std::to_string(firstPort),
-                                  "--info",
-                                  "loopback test"};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    slot.emplace(argv);
-    EXPECT_TRUE(slot->waitForLine("ready", 10s)) << slot->output();
-    return *slot;
+std::unique_ptr<ChildProcess> startSim(std::uint16_t firstPort, std::vector<std::string> extra) {
+    extra.insert(extra.begin(), {KMIO_SIM_PATH, "--iface", "127.0.0.1", "--serial-prefix", "LB",
+                                 "--first-port", std::to_string(firstPort), "--info", "loopback test"});
+    auto sim = std::make_unique<ChildProcess>(extra);
+    EXPECT_TRUE(sim->waitForLine("ready", 10s)) << sim->out() << sim->err();
+    return sim;
 }
 
 }  // namespace
 
 TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
-    std::optional<ChildProcess> sim;
-    startSim(sim, 47410, {"--count", "3"});
+    const auto sim = startSim(47410, {"--count", "3"});
     struct Case {
         std::uint32_t address;
         std::uint16_t port;
@@ -200,13 +182,12 @@ TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
         EXPECT_EQ(answered, std::multiset<std::string>(c.answering.begin(), c.answering.end()));
     }
     EXPECT_EQ(sim->terminate(), 0);
-    EXPECT_NE(sim->output().find("stopping on signal 15"), std::string::npos) << sim->output();
+    EXPECT_NE(sim->out().find("stopping on signal 15"), std::string::npos) << sim->out();
 }
 
 TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
-    Udp informs = Udp::groupListener();
-    std::optional<ChildProcess> sim;
-    startSim(sim, 47420, {"--count", "2", "--device-type", "3"});
+    Udp informs(true);
+    const auto sim = startSim(47420, {"--count", "2", "--device-type", "3"});
     const auto connectTo = [](std::uint16_t port) {
         kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const sockaddr_in to = kmio::ipv4SocketAddress(kLoopback, port);
@@ -250,7 +231,7 @@ TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
     const auto free = nextInformOf("LB0002");
     ASSERT_TRUE(free);
     EXPECT_TRUE(free->available);
-    EXPECT_TRUE(sim->waitForLine("client disconnected from LB0002", 5s)) << sim->output();
+    EXPECT_TRUE(sim->waitForLine("client disconnected from LB0002", 5s)) << sim->out();
 }
 
 TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
@@ -268,10 +249,9 @@ TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
     std::uint16_t port = 47430;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.arguments[0]);
-        std::optional<ChildProcess> sim;
         std::vector<std::string> arguments = c.arguments;
         arguments.insert(arguments.end(), {"--count", "1", "--no-tcp"});
-        startSim(sim, ++port, arguments);
+        const auto sim = startSim(++port, arguments);
         Udp client;
         const auto sent = std::chrono::steady_clock::now();
         client.send(kGroup, 65110, request(kAny, "", 0x44));
@@ -311,9 +291,9 @@ TEST(SimLoopbackTest, RefusesCommandLinesItCannotServe) {
     for (const Case& c : cases) {
         std::vector<std::string> argv{KMIO_SIM_PATH};
         argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
-        std::string output;
-        EXPECT_EQ(runProgram(argv, &output), c.exitCode) << output;
-        EXPECT_NE(output.find(c.message), std::string::npos) << output;
+        const RunResult r = run(argv);
+        EXPECT_EQ(r.status, c.exitCode) << r.err;
+        EXPECT_NE(r.err.find(c.message), std::string::npos) << r.err;
     }
 }
 

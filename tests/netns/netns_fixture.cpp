@@ -16,79 +16,23 @@ namespace {
 
 int fixtureNumber = 0;
 
-std::string prefix(const std::string& address, int bits) {
-    return address + "/" + std::to_string(bits);
+void ip(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "ip");
+    const RunResult result = run(arguments);
+    if (result.status != 0) {
+        std::string command;
+        for (const std::string& arg : arguments) {
+            command += arg + " ";
+        }
+        throw std::runtime_error("'" + command + "' failed: " + result.out + result.err);
+    }
+}
+
+std::string withMask(std::uint32_t address) {
+    return kmio::formatIpv4(address) + "/24";
 }
 
 }  // namespace
-
-NetnsFixture::NetnsFixture() {
-    const std::string base = "kmio-" + std::to_string(::getpid()) + "-" + std::to_string(++fixtureNumber);
-    host_ = base + "-host";
-    devices_ = {base + "-dev1", base + "-dev2"};
-    try {
-        for (const std::string& ns : {host_, devices_[0], devices_[1]}) {
-            // A namespace of this name can only be left over from a crashed
-            // process that had our pid; it is ours to replace.
-            runProgram({"ip", "netns", "del", ns});
-            ip({"netns", "add", ns});
-            created_.push_back(ns);
-            ip({"-n", ns, "link", "set", "lo", "up"});
-        }
-        for (int i = 0; i < kDevices; ++i) {
-            const std::string& device = deviceNamespace(i);
-            ip({"-n", host_, "link", "add", hostInterface(i), "type", "veth", "peer", "name", "kmdev",
-                "netns", device});
-            ip({"-n", host_, "addr", "add", prefix(kmio::formatIpv4(hostAddress(i)), 24), "dev",
-                hostInterface(i)});
-            ip({"-n", device, "addr", "add", prefix(kmio::formatIpv4(deviceAddress(i)), 24), "dev", "kmdev"});
-            ip({"-n", host_, "link", "set", hostInterface(i), "up"});
-            ip({"-n", device, "link", "set", "kmdev", "up"});
-        }
-    } catch (...) {
-        for (const std::string& ns : created_) {
-            runProgram({"ip", "netns", "del", ns});
-        }
-        throw;
-    }
-}
-
-NetnsFixture::~NetnsFixture() {
-    // The programs first: a namespace lives on while a process is inside it.
-    children_.clear();
-    for (const std::string& ns : created_) {
-        runProgram({"ip", "netns", "del", ns});
-    }
-}
-
-void NetnsFixture::ip(const std::vector<std::string>& arguments) {
-    std::vector<std::string> argv{"ip"};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    std::string output;
-    if (runProgram(argv, &output) != 0) {
-        std::string command;
-        for (const std::string& arg : argv) {
-            command += (command.empty() ? "" : " ") + arg;
-        }
-        throw std::runtime_error("'" + command + "' failed: " + output);
-    }
-}
-
-ChildProcess& NetnsFixture::startIn(const std::string& ns, const std::vector<std::string>& argv) {
-    std::vector<std::string> command{"ip", "netns", "exec", ns};
-    command.insert(command.end(), argv.begin(), argv.end());
-    return *children_.emplace_back(std::make_unique<ChildProcess>(command));
-}
-
-ChildProcess& NetnsFixture::startSimulator(int i, const std::vector<std::string>& arguments) {
-    std::vector<std::string> argv{KMIO_SIM_PATH, "--iface", kmio::formatIpv4(deviceAddress(i))};
-    argv.insert(argv.end(), arguments.begin(), arguments.end());
-    ChildProcess& simulator = startIn(deviceNamespace(i), argv);
-    if (!simulator.waitForLine("ready", std::chrono::seconds(10))) {
-        throw std::runtime_error("kmio-sim did not start: " + simulator.output());
-    }
-    return simulator;
-}
 
 ScopedNetns::ScopedNetns(const std::string& name) {
     original_.reset(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
@@ -104,13 +48,65 @@ ScopedNetns::~ScopedNetns() {
 
 void NetnsTest::SetUp() {
     try {
-        netns_ = std::make_unique<NetnsFixture>();
+        build();
     } catch (const std::exception& error) {
+        removeNamespaces();
         const char* require = std::getenv("KMIO_REQUIRE_NETNS");
         if (require != nullptr && std::string(require) == "1") {
             FAIL() << "KMIO_REQUIRE_NETNS=1 but network namespaces cannot be made: " << error.what();
         }
         GTEST_SKIP() << "network namespaces cannot be made here (needs root and iproute2): " << error.what();
+    }
+}
+
+void NetnsTest::build() {
+    const std::string base = "kmio-" + std::to_string(::getpid()) + "-" + std::to_string(++fixtureNumber);
+    host_ = base + "-host";
+    devices_ = {base + "-dev1", base + "-dev2"};
+    for (const std::string& ns : {host_, devices_[0], devices_[1]}) {
+        // A namespace of this name can only be left over from a crashed
+        // process that had our pid; it is ours to replace.
+        run({"ip", "netns", "del", ns});
+        ip({"netns", "add", ns});
+        created_.push_back(ns);
+        ip({"-n", ns, "link", "set", "lo", "up"});
+    }
+    for (int i = 0; i < kDevices; ++i) {
+        const std::string& device = devices_[static_cast<std::size_t>(i)];
+        ip({"-n", host_, "link", "add", hostInterface(i), "type", "veth", "peer", "name", "kmdev", "netns",
+            device});
+        ip({"-n", host_, "addr", "add", withMask(hostAddress(i)), "dev", hostInterface(i)});
+        ip({"-n", device, "addr", "add", withMask(deviceAddress(i)), "dev", "kmdev"});
+        ip({"-n", host_, "link", "set", hostInterface(i), "up"});
+        ip({"-n", device, "link", "set", "kmdev", "up"});
+    }
+}
+
+void NetnsTest::TearDown() {
+    // The programs first: a namespace lives on while a process is inside it.
+    simulators_.clear();
+    removeNamespaces();
+}
+
+void NetnsTest::removeNamespaces() {
+    for (const std::string& ns : created_) {
+        run({"ip", "netns", "del", ns});
+    }
+    created_.clear();
+}
+
+void NetnsTest::startSimulator(int i, const std::vector<std::string>& arguments) {
+    std::vector<std::string> argv{"ip",
+                                  "netns",
+                                  "exec",
+                                  devices_.at(static_cast<std::size_t>(i)),
+                                  KMIO_SIM_PATH,
+                                  "--iface",
+                                  kmio::formatIpv4(deviceAddress(i))};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    ChildProcess& simulator = *simulators_.emplace_back(std::make_unique<ChildProcess>(argv));
+    if (!simulator.waitForLine("ready", std::chrono::seconds(10))) {
+        throw std::runtime_error("kmio-sim did not start: " + simulator.out() + simulator.err());
     }
 }
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "kmio/kmio.h"
-#include "netns/child_process.h"
+#include "support/child_process.h"
 
 namespace kmiotest {
 
@@ -42,11 +42,20 @@ inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
     return ours;
 }
 
+// One device's record with every field, as kmio-sim reports it.
+inline std::string deviceLine(const std::string& serial, std::uint16_t port, const std::string& locator,
+                              const std::string& available = "1", const std::string& host = "127.0.0.1",
+                              const std::string& iface = "127.0.0.1") {
+    return "iface-type=network|network-host=" + host + "|network-port=" + std::to_string(port) +
+           "|device-type=7|device-sn=" + serial + "|available=" + available +
+           "|protocol-id=42|locator=" + locator + "|iface=network:" + iface + "|device-info=kmio-sim";
+}
+
 inline std::unique_ptr<ChildProcess> startSimulator(unsigned count, std::uint16_t firstPort) {
     auto sim = std::make_unique<ChildProcess>(
         std::vector<std::string>{KMIO_SIM_PATH, "--iface", "127.0.0.1", "--serial-prefix", "NE", "--count",
                                  std::to_string(count), "--first-port", std::to_string(firstPort)});
-    EXPECT_TRUE(sim->waitForLine("ready", 10s)) << sim->output();
+    EXPECT_TRUE(sim->waitForLine("ready", 10s)) << sim->out();
     return sim;
 }
 

@@ -13,7 +13,7 @@
 #include "devices/network_enumeration.h"
 #include "discovery/discovery_log.h"
 #include "kmio/kmio.h"
-#include "netns/child_process.h"
+#include "support/child_process.h"
 
 namespace kmio {
 namespace {
@@ -44,7 +44,7 @@ private:
 TEST(DiscoveryCache, RediscoversOnlyAfterThreeSecondsOrWhenForced) {
     kmiotest::ChildProcess sim(
         {KMIO_SIM_PATH, "--iface", "127.0.0.1", "--serial-prefix", "NC", "--first-port", "56420"});
-    ASSERT_TRUE(sim.waitForLine("ready", 10s)) << sim.output();
+    ASSERT_TRUE(sim.waitForLine("ready", 10s)) << sim.out();
     RequestCounter requests;
     NetworkEnumerationOptions options;
     options.iface = {"network:127.0.0.1"};

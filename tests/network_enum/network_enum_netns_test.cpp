@@ -12,20 +12,14 @@ namespace {
 
 TEST_F(NetnsTest, DeviceOnTwoInterfacesIsListedAndReportedOncePerInterface) {
     EventLog events;
-    {
-        const ScopedNetns inside(netns_->hostNamespace());
-        ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:all\nlocator-format-network host"),
-                  KM_IO_OK);
-    }
+    const ScopedNetns inside(host_);
+    ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:all\nlocator-format-network host"), KM_IO_OK);
     std::set<std::string> expected;
-    for (int i = 0; i < NetnsFixture::kDevices; ++i) {
-        netns_->startSimulator(i, {"--serial-prefix", "NE", "--first-port", "56500"});
-        const std::string device = kmio::formatIpv4(NetnsFixture::deviceAddress(i));
-        expected.insert("iface-type=network|network-host=" + device +
-                        "|network-port=56500|device-type=7|device-sn=NE0001|available=1|protocol-id=42|"
-                        "locator=network:" +
-                        device + ":56500|iface=network:" + kmio::formatIpv4(NetnsFixture::hostAddress(i)) +
-                        "|device-info=kmio-sim");
+    for (int i = 0; i < kDevices; ++i) {
+        startSimulator(i, {"--serial-prefix", "NE", "--first-port", "56500"});
+        const std::string device = kmio::formatIpv4(deviceAddress(i));
+        expected.insert(deviceLine("NE0001", 56500, "network:" + device + ":56500", "1", device,
+                                   kmio::formatIpv4(hostAddress(i))));
     }
     ASSERT_EQ(events.waitFor(2), 2u);
     std::set<std::string> reported;
@@ -35,10 +29,9 @@ TEST_F(NetnsTest, DeviceOnTwoInterfacesIsListedAndReportedOncePerInterface) {
     }
     EXPECT_EQ(reported, expected);
 
-    const ScopedNetns inside(netns_->hostNamespace());
     std::uint32_t rc = 0;
-    const std::string listed = enumerate("iface network:all\nlocator-format-network host\ninclude-all", rc);
-    EXPECT_EQ(listed, *expected.begin() + "\n" + *expected.rbegin());
+    EXPECT_EQ(enumerate("iface network:all\nlocator-format-network host\ninclude-all", rc),
+              *expected.begin() + "\n" + *expected.rbegin());
     EXPECT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:none"), KM_IO_OK);
 }
 

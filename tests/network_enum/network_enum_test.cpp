@@ -9,13 +9,6 @@
 namespace kmiotest {
 namespace {
 
-std::string deviceLine(const std::string& serial, std::uint16_t port, const std::string& locator,
-                       const std::string& available = "1") {
-    return "iface-type=network|network-host=127.0.0.1|network-port=" + std::to_string(port) +
-           "|device-type=7|device-sn=" + serial + "|available=" + available +
-           "|protocol-id=42|locator=" + locator + "|iface=network:127.0.0.1|device-info=kmio-sim";
-}
-
 TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
     const auto sim = startSimulator(2, 56310);
     std::uint32_t rc = 0;

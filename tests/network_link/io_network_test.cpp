@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "tcp_peer.h"
+#include "support/tcp_peer.h"
 
 namespace kmio {
 namespace {
