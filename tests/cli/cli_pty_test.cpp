@@ -20,36 +20,35 @@ namespace {
 class Pty {
 public:
     Pty() {
+        int master = -1, slave = -1;
         char name[128] = {};
-        if (::openpty(&master_, &slave_, name, nullptr, nullptr) != 0) {
+        if (::openpty(&master, &slave, name, nullptr, nullptr) != 0) {
             throw std::runtime_error("openpty failed");
         }
-        ::fcntl(master_, F_SETFD, FD_CLOEXEC);
-        ::fcntl(slave_, F_SETFD, FD_CLOEXEC);
+        master_.reset(master);
+        slave_.reset(slave);
+        ::fcntl(master, F_SETFD, FD_CLOEXEC);
+        ::fcntl(slave, F_SETFD, FD_CLOEXEC);
         termios raw{};
-        ::tcgetattr(master_, &raw);
+        ::tcgetattr(master, &raw);
         ::cfmakeraw(&raw);
-        ::tcsetattr(master_, TCSANOW, &raw);
+        ::tcsetattr(master, TCSANOW, &raw);
         path_ = name;
-    }
-    ~Pty() {
-        closeMaster();
-        ::close(slave_);
     }
     std::string locator() const { return "serial:" + path_; }
 
     void write(const std::string& bytes) {
-        ASSERT_EQ(::write(master_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(::write(master_.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
     // Reads at the master until `needle` arrived; returns everything read.
     std::string readUntil(const std::string& needle) {
         std::string got;
         auto deadline = std::chrono::steady_clock::now() + kPatience;
         while (got.find(needle) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd fd{master_, POLLIN, 0};
+            pollfd fd{master_.get(), POLLIN, 0};
             if (::poll(&fd, 1, 100) == 1) {
                 char buffer[4096];
-                ssize_t n = ::read(master_, buffer, sizeof buffer);
+                ssize_t n = ::read(master_.get(), buffer, sizeof buffer);
                 if (n > 0) {
                     got.append(buffer, static_cast<std::size_t>(n));
                 }
@@ -57,16 +56,10 @@ public:
         }
         return got;
     }
-    void closeMaster() {
-        if (master_ >= 0) {
-            ::close(master_);
-            master_ = -1;
-        }
-    }
+    void closeMaster() { master_.reset(); }
 
 private:
-    int master_ = -1;
-    int slave_ = -1;
+    kmio::UniqueFd master_, slave_;
     std::string path_;
 };
 

@@ -47,15 +47,11 @@ Bytes request(std::uint32_t selector, const std::string& serial, std::uint8_t to
 
 // A Discover Reply or Inform read by hand; nullopt when the layout is broken.
 struct Announcement {
-    std::uint8_t opcode = 0;
-    std::uint32_t version = 0;
-    std::uint32_t selector = 0;
-    std::string serial;
-    std::uint8_t tokenByte = 0;
-    std::uint8_t protocolId = 0;
-    bool available = false;
-    std::uint16_t port = 0;
-    std::string info;
+    std::uint8_t opcode, tokenByte, protocolId;
+    std::uint32_t version, selector;
+    std::string serial, info;
+    bool available;
+    std::uint16_t port;
 };
 
 std::optional<Announcement> parse(const Bytes& d) {
@@ -67,16 +63,15 @@ std::optional<Announcement> parse(const Bytes& d) {
         d[100] > 63 || d.size() < 102u + d[100] || d[101 + d[100]] != 0) {
         return std::nullopt;
     }
-    Announcement a{d[3],
-                   u32(8),
-                   u32(12),
-                   reinterpret_cast<const char*>(&d[16]),
-                   d[80],
-                   d[96],
-                   d[97] != 0,
-                   static_cast<std::uint16_t>(d[98] | d[99] << 8),
-                   std::string(d.begin() + 101, d.begin() + 101 + d[100])};
-    return a;
+    return Announcement{d[3],
+                        d[80],
+                        d[96],
+                        u32(8),
+                        u32(12),
+                        reinterpret_cast<const char*>(&d[16]),
+                        std::string(d.begin() + 101, d.begin() + 101 + d[100]),
+                        d[97] != 0,
+                        static_cast<std::uint16_t>(d[98] | d[99] << 8)};
 }
 
 // A UDP socket: the client's own (ephemeral port), or with `group` one that
@@ -145,14 +140,13 @@ std::unique_ptr<ChildProcess> startSim(std::uint16_t firstPort, std::vector<std:
 
 TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
     const auto sim = startSim(47410, {"--count", "3"});
-    struct Case {
+    const struct {
         std::uint32_t address;
         std::uint16_t port;
         std::uint32_t selector;
         std::string serial;
-        std::set<std::string> answering;
-    };
-    const Case cases[] = {
+        std::multiset<std::string> answering;
+    } cases[] = {
         {kLoopbackBroadcast, 65111, kAny, "", {"LB0001", "LB0002", "LB0003"}},
         {kGroup, 65110, kAny, "", {"LB0001", "LB0002", "LB0003"}},
         {kLoopbackBroadcast, 65111, 7, "LB0002", {"LB0002"}},
@@ -162,7 +156,7 @@ TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
     };
     Udp client;
     std::uint8_t tokenByte = 0x10;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE("selector " + std::to_string(c.selector) + ", serial '" + c.serial + "', port " +
                      std::to_string(c.port));
         client.send(c.address, c.port, request(c.selector, c.serial, ++tokenByte));
@@ -179,7 +173,7 @@ TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
             EXPECT_EQ(a.port, 47410 + index);
             EXPECT_EQ(a.info, "loopback test");
         }
-        EXPECT_EQ(answered, std::multiset<std::string>(c.answering.begin(), c.answering.end()));
+        EXPECT_EQ(answered, c.answering);
     }
     EXPECT_EQ(sim->terminate(), 0);
     EXPECT_NE(sim->out().find("stopping on signal 15"), std::string::npos) << sim->out();
@@ -235,23 +229,20 @@ TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
 }
 
 TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
-    struct Case {
-        std::vector<std::string> arguments;
+    const struct {
+        std::string option, value;
         std::size_t malformedFirst;
         std::uint32_t version;
         std::chrono::milliseconds atLeast;
-    };
-    const Case cases[] = {
-        {{"--version", "2"}, 0, 2, 0ms},
-        {{"--garbage", "5"}, 5, 1, 0ms},
-        {{"--delay-ms", "300"}, 0, 1, 300ms},
+    } cases[] = {
+        {"--version", "2", 0, 2, 0ms},
+        {"--garbage", "5", 5, 1, 0ms},
+        {"--delay-ms", "300", 0, 1, 300ms},
     };
     std::uint16_t port = 47430;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.arguments[0]);
-        std::vector<std::string> arguments = c.arguments;
-        arguments.insert(arguments.end(), {"--count", "1", "--no-tcp"});
-        const auto sim = startSim(++port, arguments);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.option);
+        const auto sim = startSim(++port, {c.option, c.value, "--count", "1", "--no-tcp"});
         Udp client;
         const auto sent = std::chrono::steady_clock::now();
         client.send(kGroup, 65110, request(kAny, "", 0x44));
@@ -272,12 +263,11 @@ TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
 }
 
 TEST(SimLoopbackTest, RefusesCommandLinesItCannotServe) {
-    struct Case {
+    const struct {
         std::vector<std::string> arguments;
         int exitCode;
         std::string message;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{"--count", "3"}, 2, "at least one --iface is needed"},
         {{"--iface", "127.0.0"}, 2, "--iface needs an IPv4 address"},
         {{"--iface", "127.0.0.1", "--iface", "127.0.0.1"}, 2, "is given twice"},
@@ -288,7 +278,7 @@ TEST(SimLoopbackTest, RefusesCommandLinesItCannotServe) {
         {{"--iface", "127.0.0.1", "--bogus"}, 2, "--bogus: unknown option"},
         {{"--iface", "192.0.2.77"}, 1, "192.0.2.77 is not the address of a local interface"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         std::vector<std::string> argv{KMIO_SIM_PATH};
         argv.insert(argv.end(), c.arguments.begin(), c.arguments.end());
         const RunResult r = run(argv);

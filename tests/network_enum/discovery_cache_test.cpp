@@ -13,7 +13,7 @@
 #include "devices/network_enumeration.h"
 #include "discovery/discovery_log.h"
 #include "kmio/kmio.h"
-#include "support/child_process.h"
+#include "network_enum/api_support.h"
 
 namespace kmio {
 namespace {
@@ -42,13 +42,11 @@ private:
 };
 
 TEST(DiscoveryCache, RediscoversOnlyAfterThreeSecondsOrWhenForced) {
-    kmiotest::ChildProcess sim(
-        {KMIO_SIM_PATH, "--iface", "127.0.0.1", "--serial-prefix", "NC", "--first-port", "56420"});
-    ASSERT_TRUE(sim.waitForLine("ready", 10s)) << sim.out();
+    const auto sim = kmiotest::startSimulator(1, 56420);
     RequestCounter requests;
     NetworkEnumerationOptions options;
     options.iface = {"network:127.0.0.1"};
-    options.findDeviceSn = {"NC0001"};
+    options.findDeviceSn = {"NE0001"};
     const auto devicesFound = [&] {
         RecordList records;
         EXPECT_EQ(enumerateNetworkDevices(options, records), KM_IO_OK);
