@@ -14,10 +14,11 @@ KM_IO_Event makeEvent(std::uint32_t type) {
     event.type = type;
     event.code = 13;
     event.message = "discovery failed";
-    event.properties.set("iface-type", "network");
-    event.properties.set("device-sn", "KM42");
-    event.properties.set("locator", "network:sn:KM42");
-    event.properties.set("device-info", "a|b=c");
+    for (const auto& [key, value] : {std::pair{"iface-type", "network"},
+                                     {"device-sn", "KM42"},
+                                     {"locator", "network:sn:KM42"},
+                                     {"device-info", "a|b=c"}})
+        event.properties.set(key, value);
     return event;
 }
 
@@ -25,12 +26,10 @@ TEST(EventDataTest, AccessorsRefuseTheOtherEventTypes) {
     char buffer[8] = "keep";
     std::size_t size = sizeof buffer;
     std::uint32_t code = 99;
-    for (std::uint32_t type : {1u, 2u, 3u}) {
+    for (std::uint32_t type : {1u, 2u, 3u})
         EXPECT_EQ(readErrorEventData(makeEvent(type), &code, buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
-    }
-    for (std::uint32_t type : {0u, 3u}) {
+    for (std::uint32_t type : {0u, 3u})
         EXPECT_EQ(readDiscoveryEventData(makeEvent(type), "", buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
-    }
     EXPECT_EQ(size, sizeof buffer);
     EXPECT_EQ(code, 99u);
     EXPECT_STREQ(buffer, "keep");
@@ -67,14 +66,13 @@ TEST(EventDataTest, DiscoveryDataOptions) {
          "locator=network:sn:KM42|device-sn=KM42"},
         {"Include-locator\ninclude-", ""},
     };
+    char buffer[128];
+    std::size_t size = 0;
     for (const auto& [options, text] : cases) {
-        char buffer[128];
-        std::size_t size = sizeof buffer;
+        size = sizeof buffer;
         EXPECT_EQ(readDiscoveryEventData(event, options, buffer, &size), KM_IO_OK) << options;
         EXPECT_EQ(std::string(buffer, size), text) << options;
     }
-    char buffer[64];
-    std::size_t size = sizeof buffer;
     EXPECT_THROW(readDiscoveryEventData(event, "only-locator maybe", buffer, &size), std::invalid_argument);
     size = 0;
     EXPECT_EQ(readDiscoveryEventData(event, "only-locator", nullptr, &size), KM_IO_ERR_BUFFER_TOO_SMALL);

@@ -31,9 +31,8 @@ public:
     ~TestDevice() override { --counters_.alive; }
 
     std::uint32_t open(std::shared_ptr<IoDevice> self) override {
-        if (counters_.openResult == KM_IO_OK) {
+        if (counters_.openResult == KM_IO_OK)
             thread_.start(std::move(self), [this] { run(); });
-        }
         return counters_.openResult;
     }
     void close(bool wait) override {
@@ -55,21 +54,18 @@ private:
         wake_.signal();
     }
     void run() {
-        for (;;) {
+        for (std::vector<std::uint8_t> bytes;; bytes.clear()) {
             pollfd pfd{wake_.fd(), POLLIN, 0};
             ::poll(&pfd, 1, -1);
-            std::vector<std::uint8_t> bytes;
             {
                 std::lock_guard<std::mutex> lock(mutex_);
-                if (stop_) {
+                if (stop_)
                     break;
-                }
                 wake_.reset();
                 bytes.swap(pending_);
             }
-            if (!bytes.empty()) {
+            if (!bytes.empty())
                 deliver(bytes.data(), bytes.size());
-            }
         }
         ++counters_.threadsEnded;
     }
