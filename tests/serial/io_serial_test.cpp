@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <random>
 #include <thread>
 
@@ -12,45 +13,7 @@
 namespace kmio::test {
 namespace {
 
-std::vector<std::uint8_t> randomBytes(std::size_t count) {
-    std::mt19937 generator(42);
-    std::vector<std::uint8_t> data(count);
-    for (auto& b : data) {
-        b = static_cast<std::uint8_t>(generator());
-    }
-    return data;
-}
-
-// Writes everything to a non-blocking-agnostic descriptor, waiting for room.
-void writeAll(int fd, const std::vector<std::uint8_t>& data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t n = ::write(fd, data.data() + done, data.size() - done);
-        if (n > 0) {
-            done += static_cast<std::size_t>(n);
-        } else {
-            pollfd p{fd, POLLOUT, 0};
-            ::poll(&p, 1, 1000);
-        }
-    }
-}
-
-std::vector<std::uint8_t> readExactly(int fd, std::size_t count) {
-    std::vector<std::uint8_t> data;
-    std::uint8_t block[4096];
-    while (data.size() < count) {
-        pollfd p{fd, POLLIN, 0};
-        if (::poll(&p, 1, 20000) <= 0) {
-            break;  // the comparison that follows reports the shortfall
-        }
-        const ssize_t n = ::read(fd, block, sizeof block);
-        if (n <= 0) {
-            break;
-        }
-        data.insert(data.end(), block, block + n);
-    }
-    return data;
-}
+using namespace std::chrono_literals;
 
 // A pty pair with a sink, and the device opened on its slave.
 class IoSerialPort : public ::testing::Test {
@@ -61,12 +24,17 @@ protected:
         EXPECT_EQ(result, KM_IO_OK) << options;
         return device;
     }
+    std::uint32_t openResult(const std::string& locator, const std::string& options) {
+        std::uint32_t result = 0;
+        Sink other;
+        openSerial(locator, options, other, result);
+        return result;
+    }
     PtyPair pty;
     Sink sink;
 };
 
-TEST(IoSerial, OpenFailuresGiveTheirCodes) {
-    PtyPair pty;
+TEST_F(IoSerialPort, OpenFailuresGiveTheirCodes) {
     const struct {
         std::string locator;
         std::string options;
@@ -82,46 +50,104 @@ TEST(IoSerial, OpenFailuresGiveTheirCodes) {
         {"serial:kmio-no-such-port", "baudrate 9600", KM_IO_ERR_OPEN_FAILED},
     };
     for (const auto& c : cases) {
-        Sink sink;
-        std::uint32_t result = 0;
-        openSerial(c.locator, c.options, sink, result);
-        EXPECT_EQ(result, c.expected) << c.locator << " / " << c.options;
+        EXPECT_EQ(openResult(c.locator, c.options), c.expected) << c.locator << " / " << c.options;
     }
 }
 
 TEST_F(IoSerialPort, PortHeldElsewhereIsRefusedAndFreedByClose) {
-    std::uint32_t result = 0;
     {
         UniqueFd holder(::open(pty.slavePath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
         ASSERT_EQ(::flock(holder.get(), LOCK_EX | LOCK_NB), 0);
-        openSerial(pty.locator(), "baudrate 9600", sink, result);
-        EXPECT_EQ(result, KM_IO_ERR_OPEN_FAILED);
+        EXPECT_EQ(openResult(pty.locator(), "baudrate 9600"), KM_IO_ERR_OPEN_FAILED);
     }
     auto first = open("baudrate 9600");
     ASSERT_TRUE(first);
-    openSerial(pty.locator(), "baudrate 9600", sink, result);
-    EXPECT_EQ(result, KM_IO_ERR_OPEN_FAILED) << "a second open of an open port";
+    EXPECT_EQ(openResult(pty.locator(), "baudrate 9600"), KM_IO_ERR_OPEN_FAILED) << "a second open";
+    // Every property reads as the empty text.
+    char value[8] = "xyz";
+    std::size_t size = 0;
+    EXPECT_EQ(first->getProperty("anything", value, &size), KM_IO_ERR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(value[0], 'x');
+    size = sizeof value;
+    EXPECT_EQ(first->getProperty("anything", value, &size), KM_IO_OK);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(value[0], '\0');
     first->close(true);
     auto again = open("baudrate 9600");
     ASSERT_TRUE(again) << "close with wait releases the port at once";
     again->close(true);
 }
 
+TEST_F(IoSerialPort, LineSettingsAreRawEightNOneAtTheRequestedRate) {
+    const struct {
+        const char* options;
+        speed_t speed;  // B0: no Bnnn constant, set through termios2
+        bool xonxoff;
+    } cases[] = {
+        {"baudrate 115200", B115200, false},
+        {"baudrate 9600\nxonxoff", B9600, true},
+        {"baudrate 1200\nxonxoff false", B1200, false},
+        {"baudrate 250000", B0, false},
+    };
+    termios cooked{};
+    ::tcgetattr(pty.slave.get(), &cooked);
+    ASSERT_EQ(cooked.c_lflag & ICANON, tcflag_t{ICANON});
+    cooked.c_cflag |= PARENB | CSTOPB;
+    for (const auto& c : cases) {
+        ::tcsetattr(pty.slave.get(), TCSANOW, &cooked);
+
+        auto device = open(c.options);
+        ASSERT_TRUE(device);
+        termios applied{};
+        ASSERT_EQ(::tcgetattr(pty.slave.get(), &applied), 0);
+        EXPECT_EQ(applied.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0u) << c.options;
+        EXPECT_EQ(applied.c_oflag & OPOST, 0u);
+        EXPECT_EQ(applied.c_iflag & ICRNL, 0u);
+        EXPECT_EQ(applied.c_cflag & (CSIZE | PARENB | CSTOPB | CLOCAL | CREAD),
+                  tcflag_t{CS8 | CLOCAL | CREAD});
+        EXPECT_EQ(applied.c_iflag & (IXON | IXOFF), c.xonxoff ? IXON | IXOFF : 0u) << c.options;
+        if (c.speed != B0) {
+            EXPECT_EQ(::cfgetospeed(&applied), c.speed) << c.options;
+            EXPECT_EQ(::cfgetispeed(&applied), c.speed) << c.options;
+        } else {
+            EXPECT_EQ(readBackLineSpeed(pty.slave.get()), 250000u);
+        }
+        device->close(true);
+    }
+}
+
 TEST_F(IoSerialPort, OneMebibyteEachWayArrivesIntactInBlocksOfAtMost1024) {
     auto device = open("baudrate 115200");
     ASSERT_TRUE(device);
-    const auto inbound = randomBytes(1 << 20);
-    std::thread writer([&] { writeAll(pty.master.get(), inbound); });
+    std::vector<std::uint8_t> inbound(1 << 20);
+    std::generate(inbound.begin(), inbound.end(), std::mt19937(42));
+    const int master = pty.master.get();
+    std::thread writer([&] {
+        for (std::size_t done = 0; done < inbound.size();) {
+            const ssize_t n = ::write(master, inbound.data() + done, inbound.size() - done);
+            if (n <= 0)
+                break;
+            done += static_cast<std::size_t>(n);
+        }
+    });
     EXPECT_TRUE(sink.waitUntil([&] { return sink.bytes.size() >= inbound.size(); }));
     writer.join();
     EXPECT_TRUE(sink.bytes == inbound);
     EXPECT_LE(sink.largestBlock, 1024u);
-    EXPECT_GT(sink.largestBlock, 0u);
 
-    auto outbound = randomBytes(1 << 20);
-    std::reverse(outbound.begin(), outbound.end());
+    const std::vector<std::uint8_t> outbound(inbound.rbegin(), inbound.rend());
     std::vector<std::uint8_t> received;
-    std::thread reader([&] { received = readExactly(pty.master.get(), outbound.size()); });
+    std::thread reader([&] {
+        std::uint8_t block[4096];
+        pollfd p{master, POLLIN, 0};
+        while (received.size() < outbound.size() && ::poll(&p, 1, 20000) > 0) {
+            const ssize_t n = ::read(master, block, sizeof block);
+            if (n <= 0)
+                break;
+            received.insert(received.end(), block, block + n);
+        }
+    });
     EXPECT_EQ(device->send(outbound.data(), outbound.size()), KM_IO_OK);
     reader.join();
     EXPECT_TRUE(received == outbound) << received.size() << " bytes arrived";
@@ -155,8 +181,11 @@ TEST_F(IoSerialPort, NoCallbackAfterCloseWithWait) {
     });
     ASSERT_TRUE(sink.waitUntil([&] { return !sink.bytes.empty(); }));
     device->close(true);
-    sink.markClosed();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    {
+        std::lock_guard lock(sink.mutex);
+        sink.closed = true;
+    }
+    std::this_thread::sleep_for(100ms);
     stop = true;
     writer.join();
     EXPECT_EQ(sink.callsAfterClose, 0);
@@ -168,30 +197,10 @@ TEST_F(IoSerialPort, CloseWithoutWaitReturnsAndTheDeviceEndsOnItsOwn) {
     std::weak_ptr<IoDevice> watch = device;
     device->close(false);
     device.reset();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!watch.expired() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    for (auto deadline = std::chrono::steady_clock::now() + 20s;
+         !watch.expired() && std::chrono::steady_clock::now() < deadline;)
+        std::this_thread::sleep_for(5ms);
     EXPECT_TRUE(watch.expired()) << "the receiving thread let go of the device";
-    auto again = open("baudrate 9600");
-    if (again) {
-        again->close(true);
-    }
-}
-
-TEST_F(IoSerialPort, EveryPropertyIsTheEmptyText) {
-    auto device = open("baudrate 9600");
-    ASSERT_TRUE(device);
-    char value[8] = "xyz";
-    std::size_t size = 0;
-    EXPECT_EQ(device->getProperty("anything", value, &size), KM_IO_ERR_BUFFER_TOO_SMALL);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(value[0], 'x');
-    size = sizeof value;
-    EXPECT_EQ(device->getProperty("anything", value, &size), KM_IO_OK);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(value[0], '\0');
-    device->close(true);
 }
 
 }  // namespace

@@ -20,15 +20,15 @@ namespace kmio::test {
 
 // A pseudo-terminal standing in for a serial port: the library opens the
 // slave by its path, the test drives the master. The test keeps its own
-// slave descriptor too, to read back the line settings.
+// slave descriptor too, to read back the line settings, which start cooked
+// (canonical, echo, CR translation) so that the device must make them raw.
 struct PtyPair {
     UniqueFd master;
     UniqueFd slave;
     std::string slavePath;
 
     PtyPair() {
-        int m = -1;
-        int s = -1;
+        int m = -1, s = -1;
         char name[128] = {};
         if (::openpty(&m, &s, name, nullptr, nullptr) != 0) {
             throw std::runtime_error("openpty failed");
@@ -36,10 +36,6 @@ struct PtyPair {
         master.reset(m);
         slave.reset(s);
         slavePath = name;
-        termios raw{};
-        ::tcgetattr(m, &raw);
-        ::cfmakeraw(&raw);
-        ::tcsetattr(m, TCSANOW, &raw);
     }
     std::string locator() const { return "serial:" + slavePath; }
 };
@@ -54,28 +50,26 @@ struct Sink {
     bool closed = false;  // set by the test once close(true) returned
     int callsAfterClose = 0;
 
-    static void onReceive(void* context, const std::uint8_t* data, std::size_t length) {
+    template <class Fn>
+    static void record(void* context, Fn fn) {
         auto* sink = static_cast<Sink*>(context);
         std::lock_guard lock(sink->mutex);
-        sink->bytes.insert(sink->bytes.end(), data, data + length);
-        sink->largestBlock = std::max(sink->largestBlock, length);
+        fn(*sink);
         sink->callsAfterClose += sink->closed ? 1 : 0;
         sink->changed.notify_all();
+    }
+    static void onReceive(void* context, const std::uint8_t* data, std::size_t length) {
+        record(context, [&](Sink& s) {
+            s.bytes.insert(s.bytes.end(), data, data + length);
+            s.largestBlock = std::max(s.largestBlock, length);
+        });
     }
     static void onError(void* context, std::uint32_t code) {
-        auto* sink = static_cast<Sink*>(context);
-        std::lock_guard lock(sink->mutex);
-        sink->errors.push_back(code);
-        sink->callsAfterClose += sink->closed ? 1 : 0;
-        sink->changed.notify_all();
+        record(context, [&](Sink& s) { s.errors.push_back(code); });
     }
-    bool waitUntil(const std::function<bool()>& done, std::chrono::seconds limit = std::chrono::seconds(20)) {
+    bool waitUntil(const std::function<bool()>& done) {
         std::unique_lock lock(mutex);
-        return changed.wait_for(lock, limit, done);
-    }
-    void markClosed() {
-        std::lock_guard lock(mutex);
-        closed = true;
+        return changed.wait_for(lock, std::chrono::seconds(20), done);
     }
 };
 
@@ -87,7 +81,8 @@ inline std::shared_ptr<IoDevice> openSerial(const std::string& locator, const st
     return result == KM_IO_OK ? device : nullptr;
 }
 
-// The output rate of a terminal as termios2 reports it (line_speed_readback.cpp).
+// The output rate of a terminal as termios2 reports it when set through
+// BOTHER, else 0 (line_speed_readback.cpp).
 std::uint32_t readBackLineSpeed(int fd);
 
 }  // namespace kmio::test

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include "devices/serial_enumeration.h"
 #include "devices/serial_port_cache.h"
@@ -17,44 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A fake /sys and /dev in a temporary folder, shaped like the real ones.
-class FakeTree {
-public:
-    FakeTree() {
-        std::string pattern = (fs::temp_directory_path() / "kmio-serial-XXXXXX").string();
-        root_ = ::mkdtemp(pattern.data());
-        fs::create_directories(root_ / "dev");
-        fs::create_directories(root_ / "sys/devices/platform/serial8250");
-        fs::create_directories(root_ / "sys/devices/pci0000:00/usb1/1-1");
-        fs::create_directories(root_ / "sys/devices/virtual/tty/console");
-        addPort("ttyS10", "devices/platform/serial8250", "4");
-        addPort("ttyS2", "devices/platform/serial8250", "4");
-        addPort("ttyS1", "devices/platform/serial8250", "0");  // no UART behind it
-        addPort("ttyS0", "devices/platform/serial8250", "4");
-        addPort("ttyUSB0", "devices/pci0000:00/usb1/1-1", nullptr);
-        addPort("console", "devices/virtual/tty/console", nullptr);
-        fs::create_directories(root_ / "sys/class/tty/tty5");  // no device link
-        std::ofstream(root_ / "dev/tty5");
-    }
-    ~FakeTree() { fs::remove_all(root_); }
-
-    void addPort(const std::string& name, const char* device, const char* type) {
-        const fs::path entry = root_ / "sys/class/tty" / name;
-        fs::create_directories(entry);
-        fs::create_directory_symlink(fs::path("../../..") / device, entry / "device");
-        if (type != nullptr) {
-            std::ofstream(entry / "type") << type << "\n";
-        }
-        std::ofstream(root_ / "dev" / name);
-    }
-    std::string dev(const std::string& name) const { return (root_ / "dev" / name).string(); }
-    std::string sys() const { return (root_ / "sys").string(); }
-    std::string devRoot() const { return (root_ / "dev").string(); }
-
-private:
-    fs::path root_;
-};
-
 class CountingScanner : public SerialPortScanner {
 public:
     using SerialPortScanner::SerialPortScanner;
@@ -65,13 +28,38 @@ public:
     mutable std::atomic<int> scans{0};
 };
 
+// A fake /sys and /dev in a temporary folder, shaped like the real ones: UART
+// ports (ttyS1 without a UART behind it), a USB one, a virtual console and a
+// tty without a device link. Someone else holds ttyS2: still a port, but not
+// an openable device.
 class SerialEnumeration : public ::testing::Test {
 protected:
-    void SetUp() override {
-        // A port someone else holds is still a port, but not an openable device.
-        holder_.reset(::open(tree_.dev("ttyS2").c_str(), O_RDWR | O_CLOEXEC));
-        ASSERT_EQ(::flock(holder_.get(), LOCK_EX | LOCK_NB), 0);
+    SerialEnumeration() {
+        fs::create_directories(root_ / "dev");
+        for (const auto& [name, device, type] : {std::tuple{"ttyS10", "platform/serial8250", "4"},
+                                                 {"ttyS2", "platform/serial8250", "4"},
+                                                 {"ttyS1", "platform/serial8250", "0"},
+                                                 {"ttyS0", "platform/serial8250", "4"},
+                                                 {"ttyUSB0", "pci0000:00/usb1/1-1", nullptr},
+                                                 {"console", "virtual/tty/console", nullptr}})
+            addPort(name, device, type);
+        fs::create_directories(root_ / "sys/class/tty/tty5");
+        std::ofstream(root_ / "dev/tty5");
+        holder_.reset(::open(dev("ttyS2").c_str(), O_RDWR | O_CLOEXEC));
     }
+    ~SerialEnumeration() override { fs::remove_all(root_); }
+    void SetUp() override { ASSERT_EQ(::flock(holder_.get(), LOCK_EX | LOCK_NB), 0); }
+
+    void addPort(const std::string& name, const std::string& device, const char* type) {
+        const fs::path entry = root_ / "sys/class/tty" / name;
+        fs::create_directories(entry);
+        fs::create_directories(root_ / "sys/devices" / device);
+        fs::create_directory_symlink(fs::path("../../../devices") / device, entry / "device");
+        if (type != nullptr)
+            std::ofstream(entry / "type") << type << "\n";
+        std::ofstream(root_ / "dev" / name);
+    }
+    std::string dev(const std::string& name) const { return (root_ / "dev" / name).string(); }
     std::string list(std::string_view options) {
         std::size_t size = 4096;
         std::string text(size, '\0');
@@ -79,35 +67,38 @@ protected:
         return text.substr(0, size);
     }
 
-    FakeTree tree_;
+    fs::path root_ = [] {
+        std::string pattern = (fs::temp_directory_path() / "kmio-serial-XXXXXX").string();
+        return fs::path(::mkdtemp(pattern.data()));
+    }();
     UniqueFd holder_;
     std::shared_ptr<CountingScanner> scanner_ =
-        std::make_shared<CountingScanner>(tree_.sys(), tree_.devRoot());
+        std::make_shared<CountingScanner>((root_ / "sys").string(), (root_ / "dev").string());
     SerialPortCache cache_{scanner_};
 };
 
 TEST_F(SerialEnumeration, ListsRealPortsInNaturalOrderWithoutPhantomOrVirtualOnes) {
-    const std::string all = "serial:" + tree_.dev("ttyS0") + "\nserial:" + tree_.dev("ttyS2") +
-                            "\nserial:" + tree_.dev("ttyS10") + "\nserial:" + tree_.dev("ttyUSB0");
+    const std::string all = "serial:" + dev("ttyS0") + "\nserial:" + dev("ttyS2") +
+                            "\nserial:" + dev("ttyS10") + "\nserial:" + dev("ttyUSB0");
     EXPECT_EQ(list(""), all);
 
     RecordList devices;
     ASSERT_EQ(enumerateSerialDevices(cache_, false, devices), KM_IO_OK);
-    EXPECT_EQ(renderRecords(devices, {"all"}),
-              "iface-type=serial|locator=serial:" + tree_.dev("ttyS0") +
-                  "\niface-type=serial|locator=serial:" + tree_.dev("ttyS10") +
-                  "\niface-type=serial|locator=serial:" + tree_.dev("ttyUSB0"));
+    EXPECT_EQ(renderRecords(devices, {"all"}), "iface-type=serial|locator=serial:" + dev("ttyS0") +
+                                                   "\niface-type=serial|locator=serial:" + dev("ttyS10") +
+                                                   "\niface-type=serial|locator=serial:" + dev("ttyUSB0"));
 
     RecordList interfaces;
     ASSERT_EQ(enumerateSerialInterfaces(*scanner_, interfaces), KM_IO_OK);
     ASSERT_EQ(interfaces.size(), 4u);
     EXPECT_EQ(renderRecords({interfaces[1]}, {"all"}),
-              "iface-type=serial|name=" + tree_.dev("ttyS2") + "|serial-port=" + tree_.dev("ttyS2"));
+              "iface-type=serial|name=" + dev("ttyS2") + "|serial-port=" + dev("ttyS2"));
+    EXPECT_TRUE(SerialPortScanner("/nonexistent-kmio-sys", "/dev").scan().empty());
 }
 
 TEST_F(SerialEnumeration, CacheServesThreeSecondsUnlessForced) {
     const std::string before = list("");
-    tree_.addPort("ttyS3", "devices/platform/serial8250", "4");
+    addPort("ttyS3", "platform/serial8250", "4");
     RecordList devices;
     ASSERT_EQ(enumerateSerialDevices(cache_, false, devices), KM_IO_OK);
     EXPECT_EQ(list("anything"), before);
@@ -117,7 +108,7 @@ TEST_F(SerialEnumeration, CacheServesThreeSecondsUnlessForced) {
     EXPECT_EQ(scanner_->scans, 2);
     ASSERT_EQ(enumerateSerialDevices(cache_, true, devices), KM_IO_OK);
     EXPECT_EQ(scanner_->scans, 3);
-    EXPECT_NE(list("").find(tree_.dev("ttyS3")), std::string::npos);
+    EXPECT_NE(list("").find(dev("ttyS3")), std::string::npos);
 }
 
 TEST_F(SerialEnumeration, LocatorListFollowsTheBufferConvention) {
@@ -131,13 +122,6 @@ TEST_F(SerialEnumeration, LocatorListFollowsTheBufferConvention) {
     EXPECT_EQ(listSerialLocators(cache_, "", buffer.data(), &size), KM_IO_OK);
     EXPECT_EQ(size, text.size());
     EXPECT_STREQ(buffer.c_str(), text.c_str());
-}
-
-TEST(SerialPortScanner, MissingTreeIsAnEmptyListAndNamesSortNaturally) {
-    EXPECT_TRUE(SerialPortScanner("/nonexistent-kmio-sys", "/dev").scan().empty());
-    std::vector<std::string> names{"ttyS10", "ttyUSB0", "ttyS2", "ttyACM1", "ttyS1"};
-    sortNatural(names);
-    EXPECT_EQ(names, (std::vector<std::string>{"ttyACM1", "ttyS1", "ttyS2", "ttyS10", "ttyUSB0"}));
 }
 
 }  // namespace
