@@ -7,15 +7,6 @@
 
 using namespace kmio;
 
-TEST(Locator, SerialShape) {
-    std::string name;
-    EXPECT_EQ(parseSerialLocator("serial:/dev/pts/3", name), KM_IO_OK);
-    EXPECT_EQ(name, "/dev/pts/3");
-    for (const char* bad : {"serial:", "serial:COM1:9600", "Serial:COM1", "usb:COM1"}) {
-        EXPECT_EQ(parseSerialLocator(bad, name), KM_IO_ERR_BAD_LOCATOR) << bad;
-    }
-}
-
 TEST(Locator, Ipv4TextBothWays) {
     EXPECT_EQ(parseIpv4("10.0.0.5"), 0x0A000005u);
     EXPECT_EQ(parseIpv4("255.255.255.255"), 0xFFFFFFFFu);
