@@ -39,16 +39,6 @@ TEST(ToUnsigned, FollowsThirtyTwoBitStoul) {
     }
 }
 
-TEST(ToBoolean, AcceptsExactLiteralsOnly) {
-    for (const char* t : {"", "true", "on", "1"})
-        EXPECT_TRUE(toBoolean(t)) << t;
-    for (const char* f : {"false", "off", "0"})
-        EXPECT_FALSE(toBoolean(f)) << f;
-    for (const char* bad : {"TRUE", "yes", " on", "2"}) {
-        EXPECT_THROW(toBoolean(bad), std::invalid_argument) << bad;
-    }
-}
-
 TEST(RawOptionValue, TakesValueStraightFromText) {
     EXPECT_EQ(rawOptionValue("x 1\nproduct-name   Kalomet DRV2\r\nother 1", "product-name"), "Kalomet DRV2");
     // Substring search: the key is found inside a longer key.

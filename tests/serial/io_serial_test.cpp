@@ -181,10 +181,7 @@ TEST_F(IoSerialPort, NoCallbackAfterCloseWithWait) {
     });
     ASSERT_TRUE(sink.waitUntil([&] { return !sink.bytes.empty(); }));
     device->close(true);
-    {
-        std::lock_guard lock(sink.mutex);
-        sink.closed = true;
-    }
+    sink.closed = true;
     std::this_thread::sleep_for(100ms);
     stop = true;
     writer.join();

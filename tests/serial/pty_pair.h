@@ -3,6 +3,7 @@
 #include <pty.h>
 #include <termios.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -47,7 +48,7 @@ struct Sink {
     std::vector<std::uint8_t> bytes;
     std::size_t largestBlock = 0;
     std::vector<std::uint32_t> errors;
-    bool closed = false;  // set by the test once close(true) returned
+    std::atomic<bool> closed{false};  // set by the test once close(true) returned
     int callsAfterClose = 0;
 
     template <class Fn>
