@@ -73,9 +73,11 @@ TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
     // A forced discovery for the serial number finds it.
     expectEcho("network:sn:NE0002", "iface network:127.0.0.1\ndiscovery-timeout 500");
     // That search asked for NE0002 only; a full pass adds NE0001 to the
-    // cache too, where an open without interfaces finds it.
+    // cache too, where an open without interfaces finds it. (Whether an
+    // unforced listing right after the search still shows NE0002 alone
+    // depends on the 3-second freshness, which a loaded machine can outlast;
+    // the discovery cache's own test checks that rule with a clock it reads.)
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator", rc), "network:sn:NE0002");
     EXPECT_EQ(enumerate(kLoopback + "only-locator\nforce-rescan 1", rc),
               "network:sn:NE0002\nnetwork:sn:NE0001");
     expectEcho("network:sn:NE0001", "");
