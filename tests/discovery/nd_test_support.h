@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -28,6 +29,7 @@
 
 namespace ndtest {
 
+using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
 using TokenBytes = std::array<std::uint8_t, 16>;
 
@@ -35,20 +37,40 @@ constexpr std::uint32_t kLoopback = 0x7F000001;           // 127.0.0.1
 constexpr std::uint32_t kLoopbackBroadcast = 0x7FFFFFFF;  // 127.255.255.255
 constexpr std::uint32_t kGroup = 0xEF010115;              // 239.1.1.21
 
+// The message of the E that f throws, or "no exception".
+template <typename E, typename F>
+std::string thrown(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "no exception";
+}
+
+// Polls until the condition holds (true) or 5 s pass (false).
+inline bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    return true;
+}
+
 // A datagram header written byte by byte from the layout table.
 inline Bytes handHeader(std::uint16_t total, std::uint8_t opcode, std::uint32_t version,
                         std::uint32_t selector, const std::string& serial, const TokenBytes& token) {
-    const auto le = [](Bytes& b, std::uint32_t v, int n) {
-        for (int i = 0; i < n; ++i) {
+    Bytes b = {0xC2, static_cast<std::uint8_t>(total - 3), static_cast<std::uint8_t>((total - 3) >> 8),
+               opcode};
+    b.insert(b.end(), {'P', 'D', 'N', 'K'});
+    for (const std::uint32_t v : {version, selector}) {
+        for (int i = 0; i < 4; ++i) {
             b.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
         }
-    };
-    Bytes b = {0xC2};
-    le(b, total - 3u, 2);
-    b.push_back(opcode);
-    b.insert(b.end(), {'P', 'D', 'N', 'K'});
-    le(b, version, 4);
-    le(b, selector, 4);
+    }
     for (std::size_t i = 0; i < 64; ++i) {
         b.push_back(i < serial.size() ? static_cast<std::uint8_t>(serial[i]) : 0);
     }
@@ -75,38 +97,25 @@ struct Datagram {
 // A plain UDP socket for the device side of a test.
 class UdpSocket {
 public:
-    // Bound to address:port with SO_REUSEADDR (port 0: any port).
+    // Bound to address:port with SO_REUSEADDR (port 0: any port). Multicasts
+    // leave through loopback; bound to the group, the socket joins it on
+    // loopback alone and ignores every other membership on the machine.
     UdpSocket(std::uint32_t address, std::uint16_t port)
         : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        if (!fd_) {
-            throw std::runtime_error("socket");
-        }
-        int one = 1;
+        const int one = 1;
+        const int zero = 0;
         ::setsockopt(fd_.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
         ::setsockopt(fd_.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-        const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
-        if (::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-            throw std::runtime_error("bind");
-        }
-    }
-
-    // Receives the group on loopback only: this socket is bound to the group
-    // address and ignores every other membership on the machine.
-    void joinGroupOnLoopback() {
-        int zero = 0;
         ::setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_ALL, &zero, sizeof zero);
-        ip_mreq m{};
-        m.imr_multiaddr.s_addr = htonl(kGroup);
-        m.imr_interface.s_addr = htonl(kLoopback);
-        if (::setsockopt(fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &m, sizeof m) != 0) {
-            throw std::runtime_error("IP_ADD_MEMBERSHIP");
+        const in_addr loopback{htonl(kLoopback)};
+        ::setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback);
+        const ip_mreq group{{htonl(kGroup)}, loopback};
+        const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
+        if (!fd_ || ::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
+            (address == kGroup &&
+             ::setsockopt(fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0)) {
+            throw std::runtime_error("UDP socket setup");
         }
-    }
-
-    void multicastFromLoopback() {
-        in_addr out{};
-        out.s_addr = htonl(kLoopback);
-        ::setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &out, sizeof out);
     }
 
     void sendTo(std::uint32_t address, std::uint16_t port, const Bytes& bytes) const {
@@ -117,56 +126,36 @@ public:
         }
     }
 
-    // Next datagram within the time limit.
-    std::optional<Datagram> receive(std::chrono::milliseconds limit) const {
-        pollfd p{fd_.get(), POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(limit.count())) != 1) {
-            return std::nullopt;
-        }
-        Datagram d;
-        d.bytes.resize(65536);
-        sockaddr_in from{};
-        socklen_t length = sizeof from;
-        const ssize_t n = ::recvfrom(fd_.get(), d.bytes.data(), d.bytes.size(), 0,
-                                     reinterpret_cast<sockaddr*>(&from), &length);
-        if (n < 0) {
-            return std::nullopt;
-        }
-        d.bytes.resize(static_cast<std::size_t>(n));
-        d.source = ntohl(from.sin_addr.s_addr);
-        d.sourcePort = ntohs(from.sin_port);
-        return d;
-    }
-
-    // The first datagram that satisfies `wanted`, skipping others (the ports
-    // are shared with anything else on the machine that speaks the protocol).
-    std::optional<Datagram> receiveMatching(const std::function<bool(const Datagram&)>& wanted,
-                                            std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+    // The first datagram within the limit that is the wanted one, skipping
+    // others (the ports are shared with anything else that speaks the protocol).
+    std::optional<Datagram> receive(const std::function<bool(const Datagram&)>& wanted = {},
+                                    std::chrono::milliseconds limit = 5s) const {
         const auto deadline = std::chrono::steady_clock::now() + limit;
-        for (;;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0) {
-                return std::nullopt;
+        for (auto now = std::chrono::steady_clock::now(); now < deadline;
+             now = std::chrono::steady_clock::now()) {
+            pollfd p{fd_.get(), POLLIN, 0};
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
+            if (::poll(&p, 1, static_cast<int>(left.count())) != 1) {
+                continue;
             }
-            auto d = receive(left);
-            if (d && wanted(*d)) {
+            Datagram d{Bytes(65536)};
+            sockaddr_in from{};
+            socklen_t length = sizeof from;
+            const ssize_t n = ::recvfrom(fd_.get(), d.bytes.data(), d.bytes.size(), 0,
+                                         reinterpret_cast<sockaddr*>(&from), &length);
+            d.bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+            d.source = ntohl(from.sin_addr.s_addr);
+            d.sourcePort = ntohs(from.sin_port);
+            if (n >= 0 && (!wanted || wanted(d))) {
                 return d;
             }
         }
+        return std::nullopt;
     }
 
 private:
     kmio::UniqueFd fd_;
 };
-
-inline TokenBytes tokenOf(const Bytes& datagram) {
-    TokenBytes t{};
-    if (datagram.size() >= 96) {
-        std::copy(datagram.begin() + 80, datagram.begin() + 96, t.begin());
-    }
-    return t;
-}
 
 // Device side of the tests, on plain sockets: answers every Discover Request
 // that reaches 127.255.255.255:65111 by unicast to its source.
@@ -193,7 +182,7 @@ public:
 private:
     void run() {
         while (!stop_) {
-            auto d = listener_.receive(std::chrono::milliseconds(100));
+            auto d = listener_.receive({}, 100ms);
             if (!d || silent_ || d->bytes.size() < 96 || d->bytes[3] != 0x21 || d->bytes[4] != 'P') {
                 continue;
             }
@@ -201,9 +190,11 @@ private:
                 const std::lock_guard lock(mutex_);
                 lastRequest_ = d->bytes;
             }
+            TokenBytes token;
+            std::copy(d->bytes.begin() + 80, d->bytes.begin() + 96, token.begin());
             // Protocol 42, available, port 55550, info "sim".
-            const Bytes reply = handDatagram(0xA1, 1, 7, serial_, tokenOf(d->bytes),
-                                             {42, 1, 0xFE, 0xD8, 3, 's', 'i', 'm', 0});
+            const Bytes reply =
+                handDatagram(0xA1, 1, 7, serial_, token, {42, 1, 0xFE, 0xD8, 3, 's', 'i', 'm', 0});
             sender_.sendTo(d->source, d->sourcePort, reply);
         }
     }
@@ -218,42 +209,49 @@ private:
     std::thread thread_;
 };
 
-// Collects the discovery log's lines while it lives, with every level enabled.
-class LogCapture {
+// A list that several threads append to.
+template <typename T>
+class Collected {
+public:
+    void add(T item) {
+        const std::lock_guard lock(mutex_);
+        items_.push_back(std::move(item));
+    }
+    std::vector<T> all() const {
+        const std::lock_guard lock(mutex_);
+        return items_;
+    }
+    std::vector<T> take() {
+        const std::lock_guard lock(mutex_);
+        return std::exchange(items_, {});
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<T> items_;
+};
+
+// Collects the discovery log's lines (level, text) while it lives, with the levels of the mask enabled.
+class LogCapture : public Collected<std::pair<unsigned, std::string>> {
 public:
     explicit LogCapture(unsigned mask = 7) : previousMask_(kalometnd::logMask()) {
         kalometnd::setLogMask(mask);
-        kalometnd::setLogSink([this](unsigned level, const std::string& line) {
-            const std::lock_guard lock(mutex_);
-            lines_.push_back({level, line});
-        });
+        kalometnd::setLogSink([this](unsigned level, const std::string& line) { add({level, line}); });
     }
     ~LogCapture() {
         kalometnd::setLogSink({});
         kalometnd::setLogMask(previousMask_);
     }
-    std::vector<std::pair<unsigned, std::string>> lines() const {
-        const std::lock_guard lock(mutex_);
-        return lines_;
-    }
     // True once a line of the level begins with prefix (waits up to 5 s).
     bool waitFor(unsigned level, const std::string& prefix) const {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        do {
-            for (const auto& [l, text] : lines()) {
-                if (l == level && text.rfind(prefix, 0) == 0) {
-                    return true;
-                }
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        } while (std::chrono::steady_clock::now() < deadline);
-        return false;
+        return eventually([&] {
+            return std::ranges::any_of(
+                all(), [&](auto& l) { return l.first == level && l.second.starts_with(prefix); });
+        });
     }
 
 private:
     unsigned previousMask_;
-    mutable std::mutex mutex_;
-    std::vector<std::pair<unsigned, std::string>> lines_;
 };
 
 }  // namespace ndtest
