@@ -143,10 +143,12 @@ TEST_F(DeviceTableTest, SendRacingCloseNeverUsesAFreedDevice) {
     for (int round = 0; round < 200; ++round) {
         std::uint32_t h = 0;
         ASSERT_EQ(open(h), KM_IO_OK);
+        std::atomic<int> sent{0};
         std::thread sender([&] {
-            while (send(h, "abc") == KM_IO_OK) {
-            }
+            while (send(h, "abc") == KM_IO_OK)
+                ++sent;
         });
+        EXPECT_TRUE(waitFor([&] { return sent > 0; }));  // close while sends go on
         EXPECT_EQ(table.close(h, round % 2 == 0), KM_IO_OK);
         sender.join();
     }

@@ -6,7 +6,9 @@
 #include <poll.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "devices/io_device.h"
@@ -39,6 +41,9 @@ public:
         thread_.stop(wait, [this] { update([this] { stop_ = true; }); });
     }
     std::uint32_t send(const std::uint8_t* data, std::size_t length) override {
+        // A send that takes a while lets a racing close free a device that
+        // the table did not keep alive for the call.
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
         update([&] { pending_.insert(pending_.end(), data, data + length); });
         return KM_IO_OK;
     }
