@@ -33,9 +33,8 @@ TEST(Locator, InterfaceSelectors) {
         {{"network:", "network:all"}, std::nullopt},
         {{"networkx:1.2.3.4", "Network:1.2.3.4"}, std::set<Ipv4>{}},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(parseInterfaceSelectors(c.entries, local), c.expected) << c.entries.size();
-    }
 }
 
 TEST(Locator, FormatsAndWrittenForms) {

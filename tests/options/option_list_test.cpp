@@ -17,9 +17,8 @@ TEST(SplitOptions, CutsLinesIntoKeyAndUntrimmedValue) {
         {"key=value", {{"key=value", ""}}},
         {"a 1\nb\t2\na 3", {{"a", "1"}, {"b\t2", ""}, {"a", "3"}}},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(splitOptions(c.text), c.expected) << c.text;
-    }
 }
 
 TEST(ToUnsigned, FollowsThirtyTwoBitStoul) {
@@ -28,15 +27,12 @@ TEST(ToUnsigned, FollowsThirtyTwoBitStoul) {
         std::uint32_t value;
     } ok[] = {
         {" \t 9600", 9600}, {"9600abc", 9600}, {"+7", 7}, {"-1", 4294967295u}, {"4294967295", 4294967295u}};
-    for (const auto& c : ok) {
+    for (const auto& c : ok)
         EXPECT_EQ(toUnsigned(c.text), c.value) << c.text;
-    }
-    for (const char* bad : {"", " ", "fast", "-", "+x"}) {
+    for (const char* bad : {"", " ", "fast", "-", "+x"})
         EXPECT_THROW(toUnsigned(bad), std::invalid_argument) << bad;
-    }
-    for (const char* big : {"4294967296", "-4294967296", "123456789012345678901234567890"}) {
+    for (const char* big : {"4294967296", "-4294967296", "123456789012345678901234567890"})
         EXPECT_THROW(toUnsigned(big), std::out_of_range) << big;
-    }
 }
 
 TEST(RawOptionValue, TakesValueStraightFromText) {

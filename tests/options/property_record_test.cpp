@@ -38,8 +38,7 @@ TEST(RenderRecords, FullAndLocatorForms) {
          "iface-type=usb|locator=usb:sn:A%7C1|usb-id=77\n"
          "iface-type=usb|locator=usb:sn:B|protocol-id=2\niface-type=serial"},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(renderRecords(records, c.include), c.text) << joinTexts(c.include, ",");
-    }
     EXPECT_EQ(renderKey(records, "locator"), "usb:sn:A|1\nusb:sn:B");
 }

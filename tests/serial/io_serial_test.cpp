@@ -49,9 +49,8 @@ TEST_F(IoSerialPort, OpenFailuresGiveTheirCodes) {
         {"serial:/dev/kmio-no-such-port", "baudrate 9600", KM_IO_ERR_OPEN_FAILED},
         {"serial:kmio-no-such-port", "baudrate 9600", KM_IO_ERR_OPEN_FAILED},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(openResult(c.locator, c.options), c.expected) << c.locator << " / " << c.options;
-    }
 }
 
 TEST_F(IoSerialPort, PortHeldElsewhereIsRefusedAndFreedByClose) {
