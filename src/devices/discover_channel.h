@@ -45,6 +45,9 @@ public:
         // The pass running now or last run, so that a caller who finds the
         // channel fresh can still wait for the answers of a pass in flight.
         std::shared_future<void> pass;
+        // Set when the cache has dropped the channel (or never took it in):
+        // its callbacks then change nothing and raise no event.
+        bool retired = false;
     };
 
     DiscoverChannel(Ipv4 interfaceAddress, LocatorFormat locatorFormat);

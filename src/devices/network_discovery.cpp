@@ -59,8 +59,8 @@ void NetworkDiscovery::setEventSink(DiscoveryEventSink sink) {
     sink_ = std::move(sink);
 }
 
-NetworkDiscovery::ChannelPtr NetworkDiscovery::makeChannel(Ipv4 address) {
-    auto channel = std::make_shared<DiscoverChannel>(address, locatorFormat_);
+NetworkDiscovery::ChannelPtr NetworkDiscovery::makeChannel(Ipv4 address, LocatorFormat format) {
+    auto channel = std::make_shared<DiscoverChannel>(address, format);
     const std::weak_ptr<DiscoverChannel> weak = channel;
     DiscoverChannel::Callbacks callbacks;
     callbacks.added = [this, weak](const kalometnd::DiscoverInfo& device) { onAdded(weak, device); };
@@ -71,12 +71,49 @@ NetworkDiscovery::ChannelPtr NetworkDiscovery::makeChannel(Ipv4 address) {
     try {
         channel->start(callbacks, makeConnection_);
     } catch (...) {
-        // The host may have started before the failure; its thread must not
-        // be joined here, under the discovery lock.
-        reaper_.retire(std::move(channel));
+        // The host may have started before the failure: the reaper joins its
+        // thread, away from any lock its callbacks may be waiting for.
+        discard(std::move(channel));
         throw;
     }
     return channel;
+}
+
+std::map<Ipv4, NetworkDiscovery::ChannelPtr> NetworkDiscovery::createMissing(
+    const std::set<Ipv4>& addresses) {
+    std::vector<Ipv4> missing;
+    LocatorFormat format = LocatorFormat::BySerialNumber;
+    {
+        const std::lock_guard lock(mutex_);
+        for (const Ipv4 address : addresses) {
+            if (!channels_.contains(address)) {
+                missing.push_back(address);
+            }
+        }
+        format = locatorFormat_;
+    }
+    std::map<Ipv4, ChannelPtr> created;
+    try {
+        for (const Ipv4 address : missing) {
+            created.emplace(address, makeChannel(address, format));
+        }
+    } catch (...) {
+        for (auto& [address, channel] : created) {
+            discard(std::move(channel));
+        }
+        throw;
+    }
+    return created;
+}
+
+void NetworkDiscovery::retireLocked(ChannelPtr channel) {
+    channel->state().retired = true;
+    reaper_.retire(std::move(channel));
+}
+
+void NetworkDiscovery::discard(ChannelPtr channel) {
+    const std::lock_guard lock(mutex_);
+    retireLocked(std::move(channel));
 }
 
 std::uint32_t NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::uint32_t timeoutMs,
@@ -85,15 +122,26 @@ std::uint32_t NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::
         return KM_IO_ERR_BAD_OPTIONS;
     }
     std::vector<std::shared_future<void>> passes;
+    std::map<Ipv4, ChannelPtr> created;
+    try {
+        created = createMissing(interfaces);
+    } catch (const kalometnd::KalometNDException&) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    } catch (const std::system_error&) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    }
     std::uint32_t result = KM_IO_OK;
     {
         const std::lock_guard lock(mutex_);
-        try {
-            for (const Ipv4 address : interfaces) {
-                if (!channels_.contains(address)) {
-                    channels_.emplace(address, makeChannel(address));
-                }
+        for (auto& [address, channel] : created) {
+            // Another caller may have made one for the same interface meanwhile.
+            if (channels_.contains(address)) {
+                retireLocked(std::move(channel));
+            } else {
+                channels_.emplace(address, std::move(channel));
             }
+        }
+        try {
             const std::int64_t now = steadyNowNs();
             for (const Ipv4 address : interfaces) {
                 DiscoverChannel& channel = *channels_.at(address);
@@ -110,8 +158,6 @@ std::uint32_t NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::
                 state.lastDiscoveryNs = now;
                 passes.push_back(state.pass);
             }
-        } catch (const kalometnd::KalometNDException&) {
-            result = KM_IO_ERR_BAD_OPTIONS;
         } catch (const std::system_error&) {
             // No thread for a pass.
             result = KM_IO_ERR_BAD_OPTIONS;
@@ -169,45 +215,62 @@ std::set<Ipv4> NetworkDiscovery::channelAddresses() {
 }
 
 std::uint32_t NetworkDiscovery::apply(const Settings& settings) {
-    const std::lock_guard lock(mutex_);
-    // New channels come first: when one cannot be made, the call fails with
-    // every setting as it was.
-    std::map<Ipv4, ChannelPtr> created;
+    Prepared prepared;
+    const std::uint32_t result = prepare(settings, prepared);
+    return result == KM_IO_OK ? commit(prepared) : result;
+}
+
+NetworkDiscovery::Prepared::~Prepared() {
+    if (owner_ != nullptr) {
+        for (auto& [address, channel] : created_) {
+            owner_->discard(std::move(channel));
+        }
+    }
+}
+
+std::uint32_t NetworkDiscovery::prepare(const Settings& settings, Prepared& prepared) {
+    prepared.owner_ = this;
+    prepared.settings_ = settings;
     if (settings.interfaces) {
+        // New channels come first: when one cannot be made, the call fails
+        // with every setting as it was.
         try {
-            for (const Ipv4 address : *settings.interfaces) {
-                if (!channels_.contains(address)) {
-                    created.emplace(address, makeChannel(address));
-                }
-            }
+            prepared.created_ = createMissing(*settings.interfaces);
         } catch (const std::exception&) {
-            for (auto& [address, channel] : created) {
-                reaper_.retire(std::move(channel));
-            }
             return KM_IO_ERR_BAD_OPTIONS;
         }
     }
+    return KM_IO_OK;
+}
+
+std::uint32_t NetworkDiscovery::commit(Prepared& prepared) {
+    const std::lock_guard lock(mutex_);
+    const Settings& settings = prepared.settings_;
     if (settings.locatorFormat) {
         locatorFormat_ = *settings.locatorFormat;
         for (auto& [address, channel] : channels_) {
             channel->state().locatorFormat = locatorFormat_;
         }
-        for (auto& [address, channel] : created) {
+        for (auto& [address, channel] : prepared.created_) {
             channel->state().locatorFormat = locatorFormat_;
         }
     }
-    if (!settings.interfaces) {
-        return KM_IO_OK;
-    }
-    for (auto it = channels_.begin(); it != channels_.end();) {
-        if (settings.interfaces->contains(it->first)) {
-            ++it;
-        } else {
-            reaper_.retire(std::move(it->second));
-            it = channels_.erase(it);
+    if (settings.interfaces) {
+        for (auto it = channels_.begin(); it != channels_.end();) {
+            if (settings.interfaces->contains(it->first)) {
+                ++it;
+            } else {
+                retireLocked(std::move(it->second));
+                it = channels_.erase(it);
+            }
         }
     }
-    for (auto& [address, channel] : created) {
+    for (auto& [address, channel] : prepared.created_) {
+        if (channels_.contains(address)) {
+            // An enumeration made one for this interface since prepare().
+            retireLocked(std::move(channel));
+            continue;
+        }
         try {
             // Devices already there answer at once and raise their events.
             channel->requestDiscovery();
@@ -216,6 +279,7 @@ std::uint32_t NetworkDiscovery::apply(const Settings& settings) {
         }
         channels_.emplace(address, std::move(channel));
     }
+    prepared.created_.clear();
     return KM_IO_OK;
 }
 
@@ -224,13 +288,10 @@ std::optional<PropertyRecord> NetworkDiscovery::updateDevices(const std::weak_pt
                                                               bool present) {
     const std::lock_guard lock(mutex_);
     const ChannelPtr channel = weak.lock();
-    if (!channel) {
-        return std::nullopt;
-    }
     // A channel that has been removed (or replaced by a new one on the same
-    // interface) raises nothing any more.
-    const auto found = channels_.find(channel->interfaceAddress());
-    if (found == channels_.end() || found->second != channel) {
+    // interface) raises nothing any more. One that is still being put in
+    // place already keeps its table, so that nothing it hears is lost.
+    if (!channel || channel->state().retired) {
         return std::nullopt;
     }
     std::vector<kalometnd::DiscoverInfo>& devices = channel->state().devices;

@@ -80,15 +80,48 @@ public:
     };
     std::uint32_t apply(const Settings& settings);
 
+    // apply() in two steps, for callers that must hold a lock of their own
+    // while the settings take effect (KM_IO_SetGlobalOptions holds the table
+    // mutex) but must not hold it while channels start: starting one
+    // registers a listener with its host, whose thread takes the listener
+    // mutex first and the table mutex after it to raise events. prepare()
+    // checks and starts the channels of new interfaces with no lock held;
+    // commit() puts everything in force. A prepared set that is not
+    // committed is discarded when destroyed.
+    class Prepared {
+    public:
+        Prepared() = default;
+        Prepared(const Prepared&) = delete;
+        Prepared& operator=(const Prepared&) = delete;
+        ~Prepared();
+
+    private:
+        friend class NetworkDiscovery;
+        NetworkDiscovery* owner_ = nullptr;
+        Settings settings_;
+        std::map<Ipv4, std::shared_ptr<DiscoverChannel>> created_;
+    };
+    std::uint32_t prepare(const Settings& settings, Prepared& prepared);
+    std::uint32_t commit(Prepared& prepared);
+
     // The interfaces that have a channel now.
     std::set<Ipv4> channelAddresses();
 
 private:
     using ChannelPtr = std::shared_ptr<DiscoverChannel>;
 
-    // Creates and starts a channel; the caller holds the lock and puts it in
-    // the table. Throws the discovery component's exceptions.
-    ChannelPtr makeChannel(Ipv4 address);
+    // Creates and starts a channel. The caller holds no lock (see Prepared)
+    // and puts it in the table. Throws the discovery component's exceptions.
+    ChannelPtr makeChannel(Ipv4 address, LocatorFormat format);
+
+    // Creates channels for the addresses that have none yet, with no lock
+    // held. On failure discards what it made and throws.
+    std::map<Ipv4, ChannelPtr> createMissing(const std::set<Ipv4>& addresses);
+
+    // Marks a channel retired and hands it to the reaper; the caller holds the
+    // lock (retireLocked) or not (discard).
+    void retireLocked(ChannelPtr channel);
+    void discard(ChannelPtr channel);
 
     // The callbacks of one channel: update its device table under the lock,
     // then raise the event outside it.

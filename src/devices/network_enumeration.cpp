@@ -87,7 +87,7 @@ std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, 
     return KM_IO_OK;
 }
 
-std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options) {
+std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options, const LockedStep& underLock) {
     NetworkDiscovery::Settings settings;
     try {
         // Everything is checked before anything changes.
@@ -103,7 +103,13 @@ std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options) {
         // "all" with an unreadable interface list.
         return KM_IO_ERR_BAD_OPTIONS;
     }
-    return NetworkDiscovery::instance().apply(settings);
+    NetworkDiscovery& cache = NetworkDiscovery::instance();
+    NetworkDiscovery::Prepared prepared;
+    if (const std::uint32_t result = cache.prepare(settings, prepared); result != KM_IO_OK) {
+        return result;
+    }
+    const auto commit = [&] { return cache.commit(prepared); };
+    return underLock ? underLock(commit) : commit();
 }
 
 std::uint32_t resolveNetworkSerialNumber(const std::string& serialNumber, const NetworkOpenOptions& options,

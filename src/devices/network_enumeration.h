@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "options/locator.h"
@@ -18,8 +19,16 @@ std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, 
 // machine's IPv4 interfaces; KM_IO_ERR_ENUMERATION_FAILED when unreadable.
 std::uint32_t enumerateNetworkInterfaces(RecordList& records);
 
-// KM_IO_SetGlobalOptions: locator format of events and background discovery interfaces.
-std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options);
+// Runs a step while the caller's own lock is held (KM_IO_SetGlobalOptions:
+// the table mutex) and returns its result.
+using LockedStep = std::function<std::uint32_t(const std::function<std::uint32_t()>& step)>;
+
+// KM_IO_SetGlobalOptions: locator format of events and background discovery
+// interfaces. Checks everything and starts the channels of new interfaces
+// first, with no lock held, then puts the settings in force through
+// underLock (directly when it is empty). KM_IO_ERR_BAD_OPTIONS leaves every
+// setting as it was.
+std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options, const LockedStep& underLock = {});
 
 // Finds a network device by serial number for IoNetwork: first in the
 // discovery cache, then by a forced discovery on the "iface" interfaces.

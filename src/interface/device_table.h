@@ -72,11 +72,13 @@ public:
         return std::forward<Fn>(fn)();
     }
 
-private:
-    // Locks the mutex, or throws when this thread is running this table's
-    // event callback and so already holds it.
-    std::unique_lock<std::mutex> lockTable();
+    // Throws std::system_error(resource_deadlock_would_occur) when this
+    // thread is running this table's event callback and so holds the mutex.
     void throwIfInEventCallback() const;
+
+private:
+    // Locks the mutex, or throws as throwIfInEventCallback does.
+    std::unique_lock<std::mutex> lockTable();
     // A copy of the slot's reference; null for an empty slot or a bad handle.
     std::shared_ptr<IoDevice> deviceAt(std::uint32_t handle);
 

@@ -138,10 +138,17 @@ std::uint32_t enumerateInterfaces(std::string_view options, char* buffer, std::s
 }
 
 std::uint32_t setGlobalOptions(DeviceTable& table, std::string_view options) {
-    // Parsing happens under the mutex too: a bad string leaves the settings
-    // in force untouched, because nothing is applied before parse returns.
     return guarded([&] {
-        return table.runLocked([&] { return applyGlobalDiscoveryOptions(GlobalOptions::parse(options)); });
+        // A call from the event callback is refused before anything starts.
+        table.throwIfInEventCallback();
+        // A bad string leaves the settings in force untouched: nothing is
+        // applied before parse returns. Channels for new interfaces start
+        // before the table mutex is taken (their hosts' threads take it to
+        // raise events); the settings take effect under it, so they never
+        // change while an event callback runs.
+        const GlobalOptions parsed = GlobalOptions::parse(options);
+        return applyGlobalDiscoveryOptions(
+            parsed, [&](const std::function<std::uint32_t()>& commit) { return table.runLocked(commit); });
     });
 }
 
