@@ -133,6 +133,12 @@ TEST_F(DeviceTableTest, CloseWithoutWaitReturnsWhileTheThreadRuns) {
 }
 
 TEST_F(DeviceTableTest, CloseWithWaitFromItsOwnCallbackDoesNotHang) {
+#if defined(__SANITIZE_THREAD__)
+    // The close turns into a detach of the receiving thread by itself, which
+    // POSIX allows but GCC 12's ThreadSanitizer runtime aborts on (a CHECK in
+    // its ThreadDetach). The plain and ASan runs cover this test.
+    GTEST_SKIP() << "ThreadSanitizer's runtime cannot follow a thread that detaches itself";
+#endif
     std::atomic<std::uint32_t> result{99};
     openInCallback([&] { result = table.close(0, true); });
     EXPECT_TRUE(waitFor([&] { return counters.alive == 0; }));
