@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -45,7 +46,9 @@ public:
 
 protected:
     // Hands a block of received bytes to the application.
-    void deliver(const std::uint8_t* data, std::size_t length) const { onReceive_(userContext_, data, length); }
+    void deliver(const std::uint8_t* data, std::size_t length) const {
+        onReceive_(userContext_, data, length);
+    }
 
     // Reports a link failure (7 or 8) when the application gave an error callback.
     void reportLinkError(std::uint32_t code) const {
@@ -55,6 +58,19 @@ protected:
     }
 
     bool hasErrorCallback() const noexcept { return onError_ != nullptr; }
+
+    // The application sees received bytes in blocks of at most this size,
+    // whatever the link reads at once.
+    static constexpr std::size_t kReceiveBlockSize = 1024;
+
+    // Links read in larger batches (a fraction of the system calls) and hand
+    // them over block by block: the blocks are the ones a read of at most
+    // kReceiveBlockSize per call would give.
+    void deliverInBlocks(const std::uint8_t* data, std::size_t length) const {
+        for (std::size_t at = 0; at < length; at += kReceiveBlockSize) {
+            deliver(data + at, std::min(kReceiveBlockSize, length - at));
+        }
+    }
 
 private:
     std::uint32_t interfaceType_ = KM_IO_IFACE_NONE;

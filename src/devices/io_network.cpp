@@ -17,12 +17,10 @@ namespace {
 
 constexpr std::uint32_t kDefaultConnectTimeoutMs = 5000;
 constexpr int kReceivePassMs = 300;
-// The application sees received bytes in blocks of at most 1024. The socket
-// is read in larger batches that are then handed over block by block: the
-// blocks are the same as with one 1024-byte receive per block (a receive of
-// bytes already pending returns all it asked for), at a fraction of the calls.
-constexpr std::size_t kReceiveBlock = 1024;
-constexpr std::size_t kReceiveBatch = 64 * kReceiveBlock;
+// The socket is read in batches that are handed over in blocks of at most
+// 1024 (deliverInBlocks): a receive of bytes already pending returns all it
+// asked for, so the blocks are those of one 1024-byte receive per block.
+constexpr std::size_t kReceiveBatch = 64 * 1024;
 // The largest count one platform send call accepts.
 constexpr std::size_t kMaxSendChunk = 2147483647;
 
@@ -182,9 +180,7 @@ void IoNetwork::receiveLoop() {
                 break;
             }
             const auto received = static_cast<std::size_t>(n);
-            for (std::size_t at = 0; at < received; at += kReceiveBlock) {
-                deliver(buffer.data() + at, std::min(kReceiveBlock, received - at));
-            }
+            deliverInBlocks(buffer.data(), received);
             pending -= std::min(pending, received);
         }
     } while (!stopRequested());

@@ -22,7 +22,7 @@ namespace kmio {
 // block of at most 1024 bytes to the application.
 class IoSerial : public IoDevice {
 public:
-    static constexpr std::size_t kReadBlockSize = 1024;
+    static constexpr std::size_t kReadBatchSize = 64 * 1024;
 
     using IoDevice::IoDevice;
     ~IoSerial() override;
