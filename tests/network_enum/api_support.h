@@ -5,12 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "kmio/kmio.h"
@@ -45,10 +47,26 @@ inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
 // One device's record with every field, as kmio-sim reports it.
 inline std::string deviceLine(const std::string& serial, std::uint16_t port, const std::string& locator,
                               const std::string& available = "1", const std::string& host = "127.0.0.1",
-                              const std::string& iface = "127.0.0.1") {
+                              const std::string& iface = "127.0.0.1", const std::string& info = "kmio-sim") {
     return "iface-type=network|network-host=" + host + "|network-port=" + std::to_string(port) +
            "|device-type=7|device-sn=" + serial + "|available=" + available +
-           "|protocol-id=42|locator=" + locator + "|iface=network:" + iface + "|device-info=kmio-sim";
+           "|protocol-id=42|locator=" + locator + "|iface=network:" + iface + "|device-info=" + info;
+}
+
+// Opens the locator, sends a line and expects it back.
+inline void expectEcho(const std::string& locator, const std::string& options) {
+    SCOPED_TRACE(locator + " with " + options);
+    static std::atomic<std::size_t> received;
+    received = 0;
+    const auto count = [](void*, const std::uint8_t*, std::size_t length) { received += length; };
+    std::uint32_t handle = 0;
+    ASSERT_EQ(KM_IO_Open(&handle, locator.c_str(), options.c_str(), nullptr, count, nullptr), KM_IO_OK);
+    ASSERT_EQ(KM_IO_Send(handle, "ping\n", 5), KM_IO_OK);
+    for (int i = 0; i < 1000 && received < 5; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(received, 5u);
+    EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
 }
 
 inline std::unique_ptr<ChildProcess> startSimulator(unsigned count, std::uint16_t firstPort) {

@@ -43,22 +43,6 @@ TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
     EXPECT_EQ(rc, KM_IO_OK);
 }
 
-// Opens the locator, sends a line and expects it back.
-void expectEcho(const std::string& locator, const std::string& options) {
-    SCOPED_TRACE(locator + " with " + options);
-    static std::atomic<std::size_t> received;
-    received = 0;
-    const auto count = [](void*, const std::uint8_t*, std::size_t length) { received += length; };
-    std::uint32_t handle = 0;
-    ASSERT_EQ(KM_IO_Open(&handle, locator.c_str(), options.c_str(), nullptr, count, nullptr), KM_IO_OK);
-    ASSERT_EQ(KM_IO_Send(handle, "ping\n", 5), KM_IO_OK);
-    for (int i = 0; i < 1000 && received < 5; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
-    EXPECT_EQ(received, 5u);
-    EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
-}
-
 void ignore(void*, const std::uint8_t*, std::size_t) {}
 
 TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
