@@ -10,6 +10,8 @@
 #include <poll.h>
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 namespace kmiotool {
 
@@ -44,6 +46,9 @@ void printEvent(void* /*userData*/, std::uint32_t eventType, const KM_IO_Event* 
     }
 }
 
+// How often watch runs a discovery pass to notice devices that went away.
+constexpr int kPassIntervalMs = 3000;
+
 int runWatch(const std::vector<std::string>& args) {
     ParsedArgs parsed = ArgParser({{"iface", 'i', true}, {"format", 'f', true}}).parse(args, 0, 0);
     std::string format = parsed.last("format", "sn");
@@ -64,8 +69,26 @@ int runWatch(const std::vector<std::string>& args) {
         return kExitFailure;
     }
     std::fprintf(stderr, "kmio: watching for network devices; Ctrl-C ends\n");
+    // A device that is switched off or unplugged says nothing: only a
+    // discovery pass that it does not answer reports it gone. Ask for one
+    // every few seconds; the listing itself is not needed.
+    OptionText pass;
+    pass.add("iface-type", "network");
+    pass.addInterfaces("iface", interfaces);
+    pass.add("force-rescan");
+    pass.add("only-locator");
+    const std::string passText = pass.text();
+    std::vector<char> listing(64 * 1024);
     pollfd fd{signals.fd(), POLLIN, 0};
-    while (!(::poll(&fd, 1, -1) > 0 && signals.take() != 0)) {
+    for (;;) {
+        const int ready = ::poll(&fd, 1, kPassIntervalMs);
+        if (ready > 0 && signals.take() != 0) {
+            break;
+        }
+        if (ready == 0) {
+            std::size_t size = listing.size();
+            (void)KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, passText.c_str(), listing.data(), &size);
+        }
     }
     KM_IO_SetGlobalOptions("discovery-iface network:none");
     KM_IO_SetEventCallback(nullptr, nullptr);
@@ -80,7 +103,8 @@ const Command& watchCommand() {
         "Usage: kmio watch [--iface ADDR]... [--format sn|host]\n"
         "\n"
         "Runs background discovery and prints one line per event, \"available\" or\n"
-        "\"unavailable\" followed by the device's record, until Ctrl-C.\n"
+        "\"unavailable\" followed by the device's record, until Ctrl-C. A discovery\n"
+        "pass every 3 seconds notices devices that went away without a word.\n"
         "\n"
         "  -i, --iface ADDR   discover on this interface (an IPv4 address of this host);\n"
         "                     repeatable; default every interface\n"
