@@ -1,66 +1,43 @@
 // kmio open and send over a pseudo-terminal: the tool opens the slave as a
 // serial port, the test plays the device at the master.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <pty.h>
 #include <signal.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <thread>
 
 #include "support/child_process.h"
+#include "support/pty_pair.h"
 
 namespace kmiotest {
 namespace {
 
-// A pty pair whose descriptors the tool does not inherit, so that closing the
-// master here really hangs the line up.
-class Pty {
-public:
+// The pty with its line made raw, so that bytes pass unchanged.
+struct Pty : PtyPair {
     Pty() {
-        int master = -1, slave = -1;
-        char name[128] = {};
-        if (::openpty(&master, &slave, name, nullptr, nullptr) != 0) {
-            throw std::runtime_error("openpty failed");
-        }
-        master_.reset(master);
-        slave_.reset(slave);
-        ::fcntl(master, F_SETFD, FD_CLOEXEC);
-        ::fcntl(slave, F_SETFD, FD_CLOEXEC);
         termios raw{};
-        ::tcgetattr(master, &raw);
+        ::tcgetattr(master.get(), &raw);
         ::cfmakeraw(&raw);
-        ::tcsetattr(master, TCSANOW, &raw);
-        path_ = name;
+        ::tcsetattr(master.get(), TCSANOW, &raw);
     }
-    std::string locator() const { return "serial:" + path_; }
-
     void write(const std::string& bytes) {
-        ASSERT_EQ(::write(master_.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+        ASSERT_EQ(::write(master.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
     // Reads at the master until `needle` arrived; returns everything read.
     std::string readUntil(const std::string& needle) {
         std::string got;
         auto deadline = std::chrono::steady_clock::now() + kPatience;
         while (got.find(needle) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-            pollfd fd{master_.get(), POLLIN, 0};
-            if (::poll(&fd, 1, 100) == 1) {
-                char buffer[4096];
-                ssize_t n = ::read(master_.get(), buffer, sizeof buffer);
-                if (n > 0) {
-                    got.append(buffer, static_cast<std::size_t>(n));
-                }
-            }
+            pollfd fd{master.get(), POLLIN, 0};
+            char buffer[4096];
+            const ssize_t n = ::poll(&fd, 1, 100) == 1 ? ::read(master.get(), buffer, sizeof buffer) : 0;
+            got.append(buffer, static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
         }
         return got;
     }
-    void closeMaster() { master_.reset(); }
-
-private:
-    kmio::UniqueFd master_, slave_;
-    std::string path_;
 };
 
 std::size_t count(const std::string& text, const std::string& needle) {
@@ -125,7 +102,7 @@ TEST(KmioCliPty, LingerShowsRepliesAfterTheEndOfInput) {
 TEST(KmioCliPty, HangUpIsReportedOnceAndEndsTheBridge) {
     Pty pty;
     auto child = openBridge(pty);
-    pty.closeMaster();
+    pty.master.reset();
     EXPECT_EQ(child->wait(), 1);
     EXPECT_EQ(count(child->err(), "(8)"), 1u) << child->err();
     EXPECT_NE(child->err().find("link error on " + pty.locator()), std::string::npos) << child->err();

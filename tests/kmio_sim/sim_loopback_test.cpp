@@ -1,11 +1,7 @@
 // kmio-sim as an independent client sees it: every datagram here is laid out
 // by hand from the packet layout, never by the library's encoder.
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,36 +9,22 @@
 #include <optional>
 #include <set>
 
-#include "platform/socket_address.h"
-#include "platform/unique_fd.h"
+#include "discovery/nd_test_support.h"
 #include "support/child_process.h"
 
 namespace kmiotest {
 namespace {
 
 using namespace std::chrono_literals;
-using Bytes = std::vector<std::uint8_t>;
+using namespace ndtest;
 
-constexpr std::uint32_t kLoopback = 0x7F000001;
-constexpr std::uint32_t kLoopbackBroadcast = 0x7FFFFFFF;
-constexpr std::uint32_t kGroup = 0xEF010115;  // 239.1.1.21
 constexpr std::uint32_t kAny = 0xFFFFFFFF;
 
-// Header of 96 bytes: 0xC2, u16 LE size-3, opcode, "PDNK", u32 LE version,
-// u32 LE selector, 64-byte serial number, 16-byte token; no payload.
+// A Discover Request: the bare 96-byte header, the token filled with one byte.
 Bytes request(std::uint32_t selector, const std::string& serial, std::uint8_t tokenByte) {
-    Bytes d(96, 0);
-    d[0] = 0xC2;
-    d[1] = 93;
-    d[3] = 0x21;
-    std::memcpy(&d[4], "PDNK", 4);
-    d[8] = 1;
-    for (int i = 0; i < 4; ++i) {
-        d[12 + i] = static_cast<std::uint8_t>(selector >> (8 * i));
-    }
-    std::memcpy(&d[16], serial.data(), serial.size());
-    std::fill(d.begin() + 80, d.end(), tokenByte);
-    return d;
+    TokenBytes token;
+    token.fill(tokenByte);
+    return handHeader(96, 0x21, 1, selector, serial, token);
 }
 
 // A Discover Reply or Inform read by hand; nullopt when the layout is broken.
@@ -74,59 +56,24 @@ std::optional<Announcement> parse(const Bytes& d) {
                         static_cast<std::uint16_t>(d[98] | d[99] << 8)};
 }
 
-// A UDP socket: the client's own (ephemeral port), or with `group` one that
-// hears the devices' informs on the group.
-class Udp {
-public:
-    explicit Udp(bool group = false) : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const int on = 1;
-        const in_addr loop{htonl(kLoopback)};
-        const ip_mreq membership{{htonl(kGroup)}, {htonl(kLoopback)}};
-        setsockopt(fd_.get(), SOL_SOCKET, group ? SO_REUSEADDR : SO_BROADCAST, &on, sizeof on);
-        setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loop, sizeof loop);
-        const sockaddr_in local =
-            group ? kmio::ipv4SocketAddress(kGroup, 65110) : kmio::ipv4SocketAddress(kLoopback, 0);
-        EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
-        EXPECT_TRUE(!group || setsockopt(fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
-                                         sizeof membership) == 0);
-    }
-    void send(std::uint32_t address, std::uint16_t port, const Bytes& d) {
-        const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
-        ASSERT_EQ(
-            ::sendto(fd_.get(), d.data(), d.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to),
-            static_cast<ssize_t>(d.size()));
-    }
-    std::optional<Bytes> receive(std::chrono::milliseconds timeout) {
-        pollfd p{fd_.get(), POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(timeout.count())) != 1) {
-            return std::nullopt;
-        }
-        Bytes d(2048);
-        const ssize_t got = ::recv(fd_.get(), d.data(), d.size(), 0);
-        d.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-        return d;
-    }
-    // Announcements of our own devices (prefix LB: other simulators may share
-    // loopback) until `wanted` have come, then `grace` longer to catch extras.
-    std::vector<Announcement> collect(std::size_t wanted, std::chrono::milliseconds grace) {
-        std::vector<Announcement> found;
-        auto deadline = std::chrono::steady_clock::now() + (wanted == 0 ? grace : 10s);
-        while (std::chrono::steady_clock::now() < deadline) {
-            const auto d = receive(20ms);
-            const auto a = d ? parse(*d) : std::nullopt;
-            if (a && a->serial.starts_with("LB")) {
-                found.push_back(*a);
-                if (found.size() == wanted) {
-                    deadline = std::chrono::steady_clock::now() + grace;
-                }
+// Announcements of our own devices (prefix LB: other simulators may share
+// loopback) until `wanted` have come, then `grace` longer to catch extras.
+std::vector<Announcement> collect(const UdpSocket& socket, std::size_t wanted,
+                                  std::chrono::milliseconds grace) {
+    std::vector<Announcement> found;
+    auto deadline = std::chrono::steady_clock::now() + (wanted == 0 ? grace : 10s);
+    while (std::chrono::steady_clock::now() < deadline) {
+        const auto d = socket.receive({}, 20ms);
+        const auto a = d ? parse(d->bytes) : std::nullopt;
+        if (a && a->serial.starts_with("LB")) {
+            found.push_back(*a);
+            if (found.size() == wanted) {
+                deadline = std::chrono::steady_clock::now() + grace;
             }
         }
-        return found;
     }
-
-private:
-    kmio::UniqueFd fd_;
-};
+    return found;
+}
 
 std::unique_ptr<ChildProcess> startSim(std::uint16_t firstPort, std::vector<std::string> extra) {
     extra.insert(extra.begin(), {KMIO_SIM_PATH, "--iface", "127.0.0.1", "--serial-prefix", "LB",
@@ -154,14 +101,14 @@ TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
         {kGroup, 65110, 5, "", {}},
         {kLoopbackBroadcast, 65111, kAny, "LB0009", {}},
     };
-    Udp client;
+    const UdpSocket client(kLoopback, 0);
     std::uint8_t tokenByte = 0x10;
     for (const auto& c : cases) {
         SCOPED_TRACE("selector " + std::to_string(c.selector) + ", serial '" + c.serial + "', port " +
                      std::to_string(c.port));
-        client.send(c.address, c.port, request(c.selector, c.serial, ++tokenByte));
+        client.sendTo(c.address, c.port, request(c.selector, c.serial, ++tokenByte));
         std::multiset<std::string> answered;
-        for (const Announcement& a : client.collect(c.answering.size(), 200ms)) {
+        for (const Announcement& a : collect(client, c.answering.size(), 200ms)) {
             answered.insert(a.serial);
             const unsigned index = static_cast<unsigned>(std::stoul(a.serial.substr(2))) - 1;
             EXPECT_EQ(a.opcode, 0xA1);
@@ -180,7 +127,7 @@ TEST(SimLoopbackTest, AnswersHandBuiltRequestsByBroadcastAndMulticast) {
 }
 
 TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
-    Udp informs(true);
+    const UdpSocket informs(kGroup, 65110);
     const auto sim = startSim(47420, {"--count", "2", "--device-type", "3"});
     const auto connectTo = [](std::uint16_t port) {
         kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -190,7 +137,7 @@ TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
     };
     const auto nextInformOf = [&](const std::string& serial) -> std::optional<Announcement> {
         for (int i = 0; i < 10; ++i) {
-            for (const Announcement& a : informs.collect(1, 0ms)) {
+            for (const Announcement& a : collect(informs, 1, 0ms)) {
                 if (a.serial == serial && a.opcode == 0xA2) {
                     return a;
                 }
@@ -213,9 +160,9 @@ TEST(SimLoopbackTest, TcpClientGetsItsBytesBackAndMakesTheDeviceUnavailable) {
         EXPECT_EQ(std::memcmp(echo, ping, sizeof ping), 0);
 
         // A reply tells the same, and a second client is turned away.
-        Udp asker;
-        asker.send(kLoopbackBroadcast, 65111, request(kAny, "LB0002", 0x33));
-        const auto replies = asker.collect(1, 0ms);
+        const UdpSocket asker(kLoopback, 0);
+        asker.sendTo(kLoopbackBroadcast, 65111, request(kAny, "LB0002", 0x33));
+        const auto replies = collect(asker, 1, 0ms);
         ASSERT_EQ(replies.size(), 1u);
         EXPECT_FALSE(replies[0].available);
         const kmio::UniqueFd second = connectTo(47421);
@@ -243,18 +190,18 @@ TEST(SimLoopbackTest, FaultOptionsSpoilTheReplyAsAsked) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.option);
         const auto sim = startSim(++port, {c.option, c.value, "--count", "1", "--no-tcp"});
-        Udp client;
+        const UdpSocket client(kLoopback, 0);
         const auto sent = std::chrono::steady_clock::now();
-        client.send(kGroup, 65110, request(kAny, "", 0x44));
+        client.sendTo(kGroup, 65110, request(kAny, "", 0x44));
         for (std::size_t i = 0; i < c.malformedFirst; ++i) {
-            const auto d = client.receive(5s);
+            const auto d = client.receive({}, 5s);
             ASSERT_TRUE(d);
-            EXPECT_FALSE(parse(*d)) << "datagram " << i << " should be malformed";
+            EXPECT_FALSE(parse(d->bytes)) << "datagram " << i << " should be malformed";
         }
-        const auto d = client.receive(5s);
+        const auto d = client.receive({}, 5s);
         ASSERT_TRUE(d);
         EXPECT_GE(std::chrono::steady_clock::now() - sent, c.atLeast);
-        const auto reply = parse(*d);
+        const auto reply = parse(d->bytes);
         ASSERT_TRUE(reply);
         EXPECT_EQ(reply->version, c.version);
         EXPECT_EQ(reply->port, port);

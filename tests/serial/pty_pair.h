@@ -1,6 +1,5 @@
 #pragma once
 
-#include <pty.h>
 #include <termios.h>
 
 #include <atomic>
@@ -16,30 +15,14 @@
 
 #include "devices/device_factory.h"
 #include "platform/unique_fd.h"
+#include "support/pty_pair.h"
 
 namespace kmio::test {
 
-// A pseudo-terminal standing in for a serial port: the library opens the
-// slave by its path, the test drives the master. The test keeps its own
-// slave descriptor too, to read back the line settings, which start cooked
-// (canonical, echo, CR translation) so that the device must make them raw.
-struct PtyPair {
-    UniqueFd master;
-    UniqueFd slave;
-    std::string slavePath;
-
-    PtyPair() {
-        int m = -1, s = -1;
-        char name[128] = {};
-        if (::openpty(&m, &s, name, nullptr, nullptr) != 0) {
-            throw std::runtime_error("openpty failed");
-        }
-        master.reset(m);
-        slave.reset(s);
-        slavePath = name;
-    }
-    std::string locator() const { return "serial:" + slavePath; }
-};
+// The test keeps its own slave descriptor, to read back the line settings,
+// which start cooked (canonical, echo, CR translation) so that the device
+// must make them raw.
+using kmiotest::PtyPair;
 
 // Collects what a device's callbacks deliver.
 struct Sink {
