@@ -158,11 +158,19 @@ private:
 };
 
 // Device side of the tests, on plain sockets: answers every Discover Request
-// that reaches 127.255.255.255:65111 by unicast to its source.
+// that reaches 127.255.255.255:65111 by unicast to its source, announcing
+// protocol 42, available, the TCP port and the info text.
 class Responder {
 public:
-    explicit Responder(std::string serial = "nd-responder")
-        : serial_(std::move(serial)), listener_(kLoopbackBroadcast, 65111), sender_(kLoopback, 0) {
+    explicit Responder(std::string serial = "nd-responder", std::uint16_t port = 55550,
+                       std::string info = "sim")
+        : serial_(std::move(serial)),
+          payload_{42, 1, static_cast<std::uint8_t>(port), static_cast<std::uint8_t>(port >> 8),
+                   static_cast<std::uint8_t>(info.size())},
+          listener_(kLoopbackBroadcast, 65111),
+          sender_(kLoopback, 0) {
+        payload_.insert(payload_.end(), info.begin(), info.end());
+        payload_.push_back(0);
         thread_ = std::thread([this] { run(); });
     }
     ~Responder() {
@@ -178,6 +186,10 @@ public:
     }
     // Unicast to the host's port, as a device's reply travels.
     void sendToHost(const Bytes& datagram) const { sender_.sendTo(kLoopback, 65111, datagram); }
+    // A Discover Inform by directed broadcast, as a device sends when it starts.
+    void announce() const {
+        sender_.sendTo(kLoopbackBroadcast, 65111, handDatagram(0xA2, 1, 7, serial_, {}, payload_));
+    }
 
 private:
     void run() {
@@ -192,14 +204,12 @@ private:
             }
             TokenBytes token;
             std::copy(d->bytes.begin() + 80, d->bytes.begin() + 96, token.begin());
-            // Protocol 42, available, port 55550, info "sim".
-            const Bytes reply =
-                handDatagram(0xA1, 1, 7, serial_, token, {42, 1, 0xFE, 0xD8, 3, 's', 'i', 'm', 0});
-            sender_.sendTo(d->source, d->sourcePort, reply);
+            sender_.sendTo(d->source, d->sourcePort, handDatagram(0xA1, 1, 7, serial_, token, payload_));
         }
     }
 
     std::string serial_;
+    Bytes payload_;
     UdpSocket listener_;
     UdpSocket sender_;
     std::atomic<bool> stop_{false};
