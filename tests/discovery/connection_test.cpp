@@ -33,7 +33,7 @@ struct Received {
     unsigned id = 0;
     std::uint32_t source = 0;
     bool from(Connection& c, int timeoutMs) { return c.receive(data, id, source, timeoutMs); }
-    // Receives until `expected` arrives or 5 s pass.
+    // Receives until `expected` arrives or 10 s pass.
     bool awaited(Connection& c, const Bytes& expected) {
         return ndtest::eventually([&] { return from(c, 100) && data == expected; });
     }

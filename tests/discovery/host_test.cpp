@@ -32,7 +32,7 @@ struct Seen : ndtest::Collected<DiscoverInfo> {
         const auto it = std::ranges::find(infos, serial, &DiscoverInfo::serialNumber);
         return it == infos.end() ? std::nullopt : std::optional(*it);
     }
-    // The first record with this serial number, waiting up to 5 s.
+    // The first record with this serial number, waiting up to 10 s.
     std::optional<DiscoverInfo> waitFor(const std::string& serial) const {
         ndtest::eventually([&] { return find(serial).has_value(); });
         return find(serial);

@@ -26,6 +26,7 @@
 #include "discovery/discovery_log.h"
 #include "platform/socket_address.h"
 #include "platform/unique_fd.h"
+#include "support/checks.h"
 
 namespace ndtest {
 
@@ -37,28 +38,8 @@ constexpr std::uint32_t kLoopback = 0x7F000001;           // 127.0.0.1
 constexpr std::uint32_t kLoopbackBroadcast = 0x7FFFFFFF;  // 127.255.255.255
 constexpr std::uint32_t kGroup = 0xEF010115;              // 239.1.1.21
 
-// The message of the E that f throws, or "no exception".
-template <typename E, typename F>
-std::string thrown(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "no exception";
-}
-
-// Polls until the condition holds (true) or 5 s pass (false).
-inline bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(5ms);
-    }
-    return true;
-}
+using kmiotest::eventually;
+using kmiotest::thrown;
 
 // A datagram header written byte by byte from the layout table.
 inline Bytes handHeader(std::uint16_t total, std::uint8_t opcode, std::uint32_t version,
@@ -252,7 +233,7 @@ public:
         kalometnd::setLogSink({});
         kalometnd::setLogMask(previousMask_);
     }
-    // True once a line of the level begins with prefix (waits up to 5 s).
+    // True once a line of the level begins with prefix (waits up to 10 s).
     bool waitFor(unsigned level, const std::string& prefix) const {
         return eventually([&] {
             return std::ranges::any_of(

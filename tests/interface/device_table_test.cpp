@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "interface/event_data.h"
+#include "support/checks.h"
 #include "test_device.h"
 
 namespace kmio::test {
@@ -16,12 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-bool waitFor(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!condition() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(1ms);
-    return condition();
-}
+using kmiotest::eventually;
 
 // The application side: the context is a function run inside the receive callback.
 using OnBytes = std::function<void()>;
@@ -35,7 +31,7 @@ protected:
     ~DeviceTableTest() override {
         for (std::uint32_t h = 0; h < DeviceTable::kSlotCount; ++h)
             table.close(h, true);
-        EXPECT_TRUE(waitFor([&] { return counters.alive == 0; }));
+        EXPECT_TRUE(eventually([&] { return counters.alive == 0; }));
     }
     std::uint32_t open(std::uint32_t& handle, const std::string& locator = "serial:test") {
         return table.open(handle, locator, "", &onBytes, &receive, nullptr);
@@ -54,7 +50,7 @@ protected:
         std::uint32_t h = 0;
         EXPECT_EQ(open(h), KM_IO_OK);
         EXPECT_EQ(send(h, "x"), KM_IO_OK);
-        EXPECT_TRUE(waitFor([&] { return entered->load(); }));
+        EXPECT_TRUE(eventually([&] { return entered->load(); }));
         return h;
     }
 
@@ -129,7 +125,7 @@ TEST_F(DeviceTableTest, CloseWithoutWaitReturnsWhileTheThreadRuns) {
     EXPECT_EQ(table.close(h, false), KM_IO_OK);
     EXPECT_EQ(counters.alive, 1);
     release.set_value();
-    EXPECT_TRUE(waitFor([&] { return counters.alive == 0; }));
+    EXPECT_TRUE(eventually([&] { return counters.alive == 0; }));
 }
 
 TEST_F(DeviceTableTest, CloseWithWaitFromItsOwnCallbackDoesNotHang) {
@@ -141,7 +137,7 @@ TEST_F(DeviceTableTest, CloseWithWaitFromItsOwnCallbackDoesNotHang) {
 #endif
     std::atomic<std::uint32_t> result{99};
     openInCallback([&] { result = table.close(0, true); });
-    EXPECT_TRUE(waitFor([&] { return counters.alive == 0; }));
+    EXPECT_TRUE(eventually([&] { return counters.alive == 0; }));
     EXPECT_EQ(result, KM_IO_OK);
 }
 
@@ -154,11 +150,11 @@ TEST_F(DeviceTableTest, SendRacingCloseNeverUsesAFreedDevice) {
             while (send(h, "abc") == KM_IO_OK)
                 ++sent;
         });
-        EXPECT_TRUE(waitFor([&] { return sent > 0; }));  // close while sends go on
+        EXPECT_TRUE(eventually([&] { return sent > 0; }));  // close while sends go on
         EXPECT_EQ(table.close(h, round % 2 == 0), KM_IO_OK);
         sender.join();
     }
-    EXPECT_TRUE(waitFor([&] { return counters.alive == 0; }));
+    EXPECT_TRUE(eventually([&] { return counters.alive == 0; }));
 }
 
 struct EventLog {

@@ -4,6 +4,7 @@
 
 #include "kmio/kmio.h"
 #include "options/options_error.h"
+#include "support/checks.h"
 
 using namespace kmio;
 
@@ -41,12 +42,8 @@ TEST(Locator, FormatsAndWrittenForms) {
     EXPECT_EQ(parseLocatorFormat("sn"), LocatorFormat::BySerialNumber);
     EXPECT_EQ(parseLocatorFormat("host"), LocatorFormat::ByHost);
     for (const char* bad : {"HOST", "", "sn "}) {
-        try {
-            parseLocatorFormat(bad);
-            ADD_FAILURE() << bad;
-        } catch (const OptionsError& e) {
-            EXPECT_EQ(e.what(), std::string("Unknown locator format: ") + bad);
-        }
+        EXPECT_EQ(kmiotest::thrown<OptionsError>([&] { parseLocatorFormat(bad); }),
+                  std::string("Unknown locator format: ") + bad);
     }
     EXPECT_EQ(writeNetworkLocator(LocatorFormat::BySerialNumber, "SN 01", 0x0A000005u, 80),
               "network:sn:SN 01");
