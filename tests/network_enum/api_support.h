@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "kmio/kmio.h"
+#include "support/checks.h"
 #include "support/child_process.h"
 
 namespace kmiotest {
@@ -62,9 +63,7 @@ inline void expectEcho(const std::string& locator, const std::string& options) {
     std::uint32_t handle = 0;
     ASSERT_EQ(KM_IO_Open(&handle, locator.c_str(), options.c_str(), nullptr, count, nullptr), KM_IO_OK);
     ASSERT_EQ(KM_IO_Send(handle, "ping\n", 5), KM_IO_OK);
-    for (int i = 0; i < 1000 && received < 5; ++i) {
-        std::this_thread::sleep_for(10ms);
-    }
+    EXPECT_TRUE(eventually([] { return received >= 5; }));
     EXPECT_EQ(received, 5u);
     EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
 }

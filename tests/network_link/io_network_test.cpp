@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/callback_sink.h"
+#include "support/checks.h"
 #include "support/tcp_peer.h"
 
 namespace kmio {
@@ -164,10 +165,7 @@ TEST(IoNetwork, CloseReturnsPromptlyAndTheThreadReleasesTheDevice) {
         EXPECT_LT(Clock::now() - start, 250ms);
         // Without waiting, the receiving thread holds the device until it ends.
         opened.device.reset();
-        while (!watch.expired() && Clock::now() - start < 5s) {
-            std::this_thread::sleep_for(1ms);
-        }
-        EXPECT_TRUE(watch.expired());
+        EXPECT_TRUE(kmiotest::eventually([&] { return watch.expired(); }));
     }
 }
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "options/options_error.h"
+#include "support/checks.h"
 
 using namespace kmio;
 using Strings = std::vector<std::string>;
@@ -14,12 +15,7 @@ namespace {
 
 template <class Set>
 std::string errorOf(std::string_view text) {
-    try {
-        Set::parse(text);
-    } catch (const OptionsError& e) {
-        return e.what();
-    }
-    return "no error";
+    return kmiotest::thrown<OptionsError>([&] { Set::parse(text); });
 }
 
 }  // namespace
@@ -58,25 +54,25 @@ TEST(OptionSets, ErrorsNameTheKeyOrTheRule) {
 
     // Strict: off by default, rejects the first key the set does not read; its
     // value is one of the boolean literals (empty, true/on/1, false/off/0).
-    EXPECT_EQ(errorOf<SerialOpenOptions>("bogus 1\nother"), "no error");
+    EXPECT_EQ(errorOf<SerialOpenOptions>("bogus 1\nother"), "no exception");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict\nbogus 1\nother"), "Unknown option: bogus");
     EXPECT_EQ(errorOf<SerialOpenOptions>("other\nstrict true\nbogus"), "Unknown option: other");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict 1\nbaudrate 3\nbogus"), "Unknown option: bogus");
-    EXPECT_EQ(errorOf<SerialOpenOptions>("strict on\nbaudrate 3\nxonxoff"), "no error");
-    EXPECT_EQ(errorOf<SerialOpenOptions>("strict off\nbogus"), "no error");
-    EXPECT_EQ(errorOf<SerialOpenOptions>("strict 0\nbogus"), "no error");
-    EXPECT_EQ(errorOf<SerialOpenOptions>("strict false\nbogus"), "no error");
+    EXPECT_EQ(errorOf<SerialOpenOptions>("strict on\nbaudrate 3\nxonxoff"), "no exception");
+    EXPECT_EQ(errorOf<SerialOpenOptions>("strict off\nbogus"), "no exception");
+    EXPECT_EQ(errorOf<SerialOpenOptions>("strict 0\nbogus"), "no exception");
+    EXPECT_EQ(errorOf<SerialOpenOptions>("strict false\nbogus"), "no exception");
     for (const char* bad : {"strict yes", "strict TRUE", "strict 2"})
         EXPECT_THROW(SerialOpenOptions::parse(bad), std::invalid_argument) << bad;
-    EXPECT_EQ(errorOf<UsbOpenOptions>("strict\nbaudrate 9600"), "no error");
+    EXPECT_EQ(errorOf<UsbOpenOptions>("strict\nbaudrate 9600"), "no exception");
     EXPECT_EQ(errorOf<NetworkOpenOptions>("strict\nbaudrate 9600"), "Unknown option: baudrate");
     EXPECT_EQ(errorOf<GlobalOptions>("strict\niface network:all"), "Unknown option: iface");
     // Include keys come from the record key lists, "protocol-idusb-desc" as one key.
     EXPECT_EQ(errorOf<EnumerationOptions>("strict\ninclude-protocol-idusb-desc\ninclude-device-info"),
-              "no error");
+              "no exception");
     EXPECT_EQ(errorOf<EnumerationOptions>("strict\ninclude-usb-desc"), "Unknown option: include-usb-desc");
     EXPECT_EQ(errorOf<InterfaceEnumerationOptions>("strict\nonly-serial-port\ninclude-network-subnet-mask"),
-              "no error");
+              "no exception");
 
     const char* onlyOne = "Only one only-* option may be set";
     EXPECT_EQ(errorOf<InterfaceEnumerationOptions>("only-name\nonly-serial-port"), onlyOne);

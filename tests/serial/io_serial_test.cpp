@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "pty_pair.h"
+#include "support/checks.h"
 
 namespace kmio::test {
 namespace {
@@ -193,10 +194,8 @@ TEST_F(IoSerialPort, CloseWithoutWaitReturnsAndTheDeviceEndsOnItsOwn) {
     std::weak_ptr<IoDevice> watch = device;
     device->close(false);
     device.reset();
-    for (auto deadline = std::chrono::steady_clock::now() + 20s;
-         !watch.expired() && std::chrono::steady_clock::now() < deadline;)
-        std::this_thread::sleep_for(5ms);
-    EXPECT_TRUE(watch.expired()) << "the receiving thread let go of the device";
+    EXPECT_TRUE(kmiotest::eventually([&] { return watch.expired(); }))
+        << "the receiving thread let go of the device";
 }
 
 }  // namespace
