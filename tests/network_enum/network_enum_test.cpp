@@ -69,8 +69,13 @@ TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
 
 TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
     EventLog events;
-    ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
+    // The simulator starts first: each Inform travels twice, by broadcast and
+    // by multicast, over two sockets whose datagrams the host cannot order
+    // against each other. Its start-up Informs, read late on a slow machine,
+    // could otherwise land after the "busy" Inform below and flip the state
+    // back. The new channel's request finds the devices instead.
     auto sim = startSimulator(2, 56340);
+    ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
     ASSERT_EQ(events.waitFor(2), 2u);
     EXPECT_EQ(events.at(0), std::make_pair(1u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
     EXPECT_EQ(events.at(1), std::make_pair(1u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
