@@ -271,6 +271,13 @@ KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *val
  * null callback. Events raised while none is registered are lost. After this
  * function returns, the previous callback is never called again.
  *
+ * Devices announce themselves over two routes (broadcast and multicast) whose
+ * datagrams may arrive in either order, so a device that changes state
+ * quickly can be reported more than once; its latest event tells its state.
+ * A device that goes away silently is reported unavailable by the next
+ * discovery pass it does not answer (a KM_IO_EnumerateDevices call with
+ * "force-rescan" on its interface runs one).
+ *
  * The callback runs on a discovery thread, one call at a time, while the
  * library's table lock is held. It must copy what it needs from the record
  * and must not call KM_IO_Open, KM_IO_Close, KM_IO_Send, KM_IO_GetProperty,
