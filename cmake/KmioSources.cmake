@@ -1,11 +1,15 @@
 # Collects the sources of one folder for the platform being built: portable
-# files plus the matching per-OS files (name_posix.cpp or name_win32.cpp).
+# files plus the matching per-OS twins. name_posix.cpp runs on any POSIX
+# system, name_linux.cpp uses Linux-only interfaces, name_win32.cpp is the
+# Windows twin.
 function(kmio_collect_sources out dir)
   file(GLOB all CONFIGURE_DEPENDS "${dir}/*.cpp")
   if(WIN32)
-    list(FILTER all EXCLUDE REGEX "_posix\\.cpp$")
-  else()
+    list(FILTER all EXCLUDE REGEX "_(posix|linux)\\.cpp$")
+  elseif(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     list(FILTER all EXCLUDE REGEX "_win32\\.cpp$")
+  else()
+    list(FILTER all EXCLUDE REGEX "_(win32|linux)\\.cpp$")
   endif()
   set(${out} ${all} PARENT_SCOPE)
 endfunction()

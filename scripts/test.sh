@@ -4,21 +4,51 @@
 # UndefinedBehaviorSanitizer, and once more under ThreadSanitizer (the library
 # is threads and locks throughout: TSan finds lock-order cycles that no
 # single run would hit). Exits non-zero on any failure.
+#
+# With arguments, runs only the named stages, in the order given, for
+# example `scripts/test.sh default` while iterating on Linux code:
+#   default  the suite in the release build
+#   asan     the suite under AddressSanitizer and UndefinedBehaviorSanitizer
+#   tsan     the suite under ThreadSanitizer
+# A CTest regular expression may follow a stage after a colon, for example
+# `scripts/test.sh default:Serial`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+all_stages=(default asan tsan)
+stages=("$@")
+if ((${#stages[@]} == 0)); then
+    stages=("${all_stages[@]}")
+fi
 
 scripts/install-deps.sh
 
 run_suite() {
-    local preset=$1
+    local preset=$1 filter=${2:-}
     echo "=== ${preset}: configure and build"
     cmake --preset "${preset}" >/dev/null
     cmake --build --preset "${preset}"
     echo "=== ${preset}: test"
-    ctest --preset "${preset}" -j2 --output-on-failure
+    if [[ -n ${filter} ]]; then
+        ctest --preset "${preset}" -j2 --output-on-failure -R "${filter}"
+    else
+        ctest --preset "${preset}" -j2 --output-on-failure
+    fi
 }
 
-run_suite default
-run_suite asan
-run_suite tsan
-echo "=== all suites passed"
+started=${SECONDS}
+for stage in "${stages[@]}"; do
+    name=${stage%%:*}
+    filter=
+    if [[ ${stage} == *:* ]]; then
+        filter=${stage#*:}
+    fi
+    case ${name} in
+    default | asan | tsan) run_suite "${name}" "${filter}" ;;
+    *)
+        echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
+        exit 2
+        ;;
+    esac
+done
+echo "=== stages passed: ${stages[*]} ($((SECONDS - started)) s)"

@@ -3,7 +3,7 @@
 #include <exception>
 #include <system_error>
 
-#include "devices/device_factory.h"
+#include "interface/device_factory.h"
 #include "interface/event_record.h"
 #include "options/locator.h"
 

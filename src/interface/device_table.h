@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "devices/io_device.h"
+#include "link/io_device.h"
 #include "kmio/kmio.h"
 #include "options/property_record.h"
 

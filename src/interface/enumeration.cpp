@@ -6,9 +6,9 @@
 #include <system_error>
 #include <vector>
 
-#include "devices/network_enumeration.h"
-#include "devices/serial_enumeration.h"
-#include "devices/usb_enumeration.h"
+#include "network/network_enumeration.h"
+#include "serial/serial_enumeration.h"
+#include "usb/usb_enumeration.h"
 #include "interface/device_table.h"
 #include "kmio/kmio.h"
 #include "options/option_sets.h"

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "devices/network_discovery.h"
+#include "network/network_discovery.h"
 #include "interface/device_table.h"
 #include "interface/enumeration.h"
 #include "interface/event_data.h"

@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "devices/io_device.h"
-#include "devices/receiver_thread.h"
+#include "link/io_device.h"
+#include "link/receiver_thread.h"
 #include "platform/wake_event.h"
 
 namespace kmio::test {

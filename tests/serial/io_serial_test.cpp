@@ -8,7 +8,7 @@
 #include <random>
 #include <thread>
 
-#include "pty_pair.h"
+#include "serial_test_support.h"
 #include "support/checks.h"
 
 namespace kmio::test {

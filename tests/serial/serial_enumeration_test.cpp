@@ -8,8 +8,8 @@
 #include <fstream>
 #include <tuple>
 
-#include "devices/serial_enumeration.h"
-#include "devices/serial_port_cache.h"
+#include "serial/serial_enumeration.h"
+#include "serial/serial_port_cache.h"
 #include "kmio/kmio.h"
 #include "platform/unique_fd.h"
 

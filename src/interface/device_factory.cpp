@@ -1,0 +1,27 @@
+#include "interface/device_factory.h"
+
+#include "network/io_network.h"
+#include "serial/io_serial.h"
+
+namespace kmio {
+
+std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::string& locator,
+                                     const std::string& options, void* userContext,
+                                     KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError) {
+    // Each link's class is added here as it is implemented.
+    if (interfaceType == KM_IO_IFACE_SERIAL) {
+        return std::make_shared<IoSerial>(locator, options, userContext, onReceive, onError);
+    }
+    if (interfaceType == KM_IO_IFACE_NETWORK) {
+        return std::make_shared<IoNetwork>(locator, options, userContext, onReceive, onError);
+    }
+    (void)interfaceType;
+    (void)locator;
+    (void)options;
+    (void)userContext;
+    (void)onReceive;
+    (void)onError;
+    return nullptr;
+}
+
+}  // namespace kmio

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "link/io_device.h"
+#include "network/network_enumeration.h"
+#include "link/receiver_thread.h"
+#include "platform/socket.h"
+#include "options/locator.h"
+#include "platform/wake_event.h"
+
+namespace kmio {
+
+// The TCP device link ("network:HOST:PORT", "network:HOST" with a "port"
+// option, or "network:sn:SERIAL[:PORT]" found through discovery).
+//
+// open() connects to each resolved IPv4 address in turn, waiting at most
+// "connect-timeout" milliseconds for each, and starts the receiving thread.
+// The link does not frame or interpret the byte stream.
+//
+// Receiving thread, one pass at a time:
+//  - waits up to 300 ms for the socket to become readable (or for close);
+//  - readable with bytes pending: hands them to onReceive in blocks of at
+//    most 1024 bytes;
+//  - readable with nothing pending means the peer closed the connection:
+//    onError gets KM_IO_ERR_LINK_LOST (7). The thread does not give up on its
+//    own: every following pass finds the same state and reports 7 again,
+//    without delay, until the application closes the device;
+//  - a failed wait or receive reports 7 when it timed out, else
+//    KM_IO_ERR_LINK_FAILED (8); a failed pending-bytes query reports 8.
+//  - Without an onError callback, a failed receive is handed to onReceive
+//    instead, with the receive call's result of -1 as its length. The length
+//    parameter is a size_t, so the application sees SIZE_MAX (and the buffer
+//    holds nothing valid). This is how the link has always behaved; an
+//    application that wants to tell failures apart must register onError.
+//
+// send() writes all bytes under the device mutex and never raises SIGPIPE;
+// 0 bytes succeed without touching the socket. close() sets the stop flag and
+// wakes the receiving thread, which shuts the socket down and closes it;
+// close(true) therefore returns within a few milliseconds, even while a send
+// is blocked (that send then fails with KM_IO_ERR_SEND_FAILED).
+class IoNetwork final : public IoDevice {
+public:
+    IoNetwork(std::string locator, std::string options, void* userContext, KM_IO_ReceiveCallback onReceive,
+              KM_IO_LinkErrorCallback onError, SerialNumberResolver resolver = resolveNetworkSerialNumber);
+    ~IoNetwork() override;
+
+    std::uint32_t open(std::shared_ptr<IoDevice> self) override;
+    void close(bool wait) override;
+    std::uint32_t send(const std::uint8_t* data, std::size_t length) override;
+    // No property exists on this link: always KM_IO_ERR_UNKNOWN_PROPERTY, with
+    // an empty text and *ioSize 0.
+    std::uint32_t getProperty(const char* key, char* value, std::size_t* ioSize) override;
+
+private:
+    // What one wait of the receiving thread found.
+    enum class Readiness { Idle, Readable, Failed };
+
+    // The value "connect-timeout" has in the raw option text, else 5000.
+    std::uint32_t connectTimeoutMs() const;
+    void receiveLoop();
+    // Ends the receiving thread's pass when the stop flag is set: shuts the
+    // socket down (which also wakes a send blocked on a full buffer), then
+    // closes it under the send mutex, so that no send can use a closed
+    // handle. True when the thread must end.
+    bool stopRequested();
+
+    // Platform layer (io_network_posix.cpp). Errors are the platform's error
+    // numbers, for the two predicates below.
+    //
+    // Resolves host and port and connects to the first address that accepts
+    // within timeoutMs; stores the connected, blocking socket.
+    // KM_IO_OK, KM_IO_ERR_NOT_FOUND or KM_IO_ERR_OPEN_FAILED.
+    std::uint32_t connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs);
+    Readiness waitReadable(int timeoutMs, int& error);
+    bool pendingBytes(std::size_t& pending);
+    // Result of the platform call: bytes moved, or negative with error set.
+    std::ptrdiff_t receiveSome(std::uint8_t* buffer, std::size_t length, int& error);
+    std::ptrdiff_t sendSome(const std::uint8_t* data, std::size_t length, int& error);
+    static bool isTimedOut(int error);
+    static bool isInterrupted(int error);
+
+    SerialNumberResolver resolver_;
+    std::mutex mutex_;  // serialises sends; guards closing socket_ against them
+    ReceiverThread receiver_;
+    // Not under mutex_: a send blocked on a peer that does not read holds the
+    // mutex, and the receiving thread must still see the stop (and keep
+    // receiving, which is what unblocks an echoing peer) without waiting for it.
+    std::atomic<bool> stop_{false};
+    Socket socket_;
+    std::optional<WakeEvent> wake_;  // made by open(), so construction does no I/O
+};
+
+}  // namespace kmio

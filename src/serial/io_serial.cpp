@@ -1,0 +1,70 @@
+#include "serial/io_serial.h"
+
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "options/locator.h"
+#include "options/options_error.h"
+
+namespace kmio {
+
+IoSerial::~IoSerial() = default;
+
+std::uint32_t IoSerial::open(std::shared_ptr<IoDevice> self) {
+    std::string portName;
+    if (parseSerialLocator(locator(), portName) != KM_IO_OK) {
+        return KM_IO_ERR_BAD_LOCATOR;
+    }
+    SerialOpenOptions options;
+    try {
+        options = SerialOpenOptions::parse(this->options());
+    } catch (const OptionsError&) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    } catch (const std::invalid_argument&) {  // a "strict" value that is not a boolean
+        return KM_IO_ERR_BAD_OPTIONS;
+    } catch (const std::out_of_range&) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    }
+    // There is no sensible default rate for an arbitrary port, so it must be given.
+    if (options.baudrate == 0) {
+        return KM_IO_ERR_BAD_OPTIONS;
+    }
+    try {
+        stop_.emplace();
+        if (const std::uint32_t result = openPort(portName, options); result != KM_IO_OK) {
+            return result;
+        }
+        receiver_.start(std::move(self), [this] { receiveLoop(); });
+    } catch (const std::exception&) {
+        // No stop event, or no thread: the port must not stay held.
+        releasePort();
+        return KM_IO_ERR_OPEN_FAILED;
+    }
+    return KM_IO_OK;
+}
+
+void IoSerial::close(bool wait) {
+    // The stop event also wakes a send that waits for room in the port, so
+    // that close never hangs behind a peer that stopped reading.
+    receiver_.stop(wait, [this] {
+        stopping_ = true;
+        if (stop_) {
+            stop_->signal();
+        }
+    });
+}
+
+std::uint32_t IoSerial::getProperty(const char*, char* value, std::size_t* ioSize) {
+    // A serial port has no properties: every key reads as the empty text. A
+    // zero capacity cannot hold even the terminating zero.
+    const std::size_t capacity = *ioSize;
+    *ioSize = 0;
+    if (capacity == 0) {
+        return KM_IO_ERR_BUFFER_TOO_SMALL;
+    }
+    value[0] = '\0';
+    return KM_IO_OK;
+}
+
+}  // namespace kmio
