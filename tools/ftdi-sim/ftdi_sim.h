@@ -7,7 +7,9 @@
  * said otherwise.
  *
  * A chip is described by one line of whitespace-separated key=value fields;
- * values may be double-quoted to hold blanks. The file named by the
+ * values may be double-quoted to hold blanks (inside quotes a backslash keeps
+ * the next character, and both stay in the value; only ua reads escapes).
+ * The file named by the
  * environment variable FTDISIM_CONFIG holds one such line per chip ('#'
  * starts a comment) and is read when the simulator is first used.
  *
@@ -59,8 +61,10 @@ FTDISIM_API int FtdiSim_Reset(void);
 FTDISIM_API int FtdiSim_AddChip(const char* line);
 
 /* The chip vanishes from later lists; calls on its open handles give status
- * 4 (except FT_Close). Its logs stay readable until a chip with the same
- * serial number is added or the simulator is reset. */
+ * 4 (except FT_Close). The receive event is not signalled (FtdiSim_SignalEvent
+ * does that, as a driver would on the status change). The chip's logs stay
+ * readable until a chip with the same serial number is added or the
+ * simulator is reset. */
 FTDISIM_API int FtdiSim_Unplug(const char* serial);
 
 /* Bytes from the device: queued for reading and the receive event signalled. */
@@ -86,7 +90,7 @@ FTDISIM_API int FtdiSim_Stream(const char* serial, uint64_t bytes);
 FTDISIM_API int FtdiSim_Fail(const char* entryPoint, uint32_t status, int times);
 
 /* The calls made on handles of this chip since it was added or its log was
- * cleared, failed ones included, one per line ("FT_Open", "FT_OpenEx",
+ * cleared, failed ones included, each line ending in a newline ("FT_Open", "FT_OpenEx",
  * "FT_Close", "FT_SetBaudRate 500000", "FT_SetBitMode 255 64",
  * "FT_SetUSBParameters 65536 65536", "FT_SetDataCharacteristics 8 0 0",
  * "FT_SetFlowControl 256 0 0", "FT_SetTimeouts 500 100",
