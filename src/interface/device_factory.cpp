@@ -2,6 +2,7 @@
 
 #include "network/io_network.h"
 #include "serial/io_serial.h"
+#include "usb/io_ftdi.h"
 
 namespace kmio {
 
@@ -15,12 +16,9 @@ std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::str
     if (interfaceType == KM_IO_IFACE_NETWORK) {
         return std::make_shared<IoNetwork>(locator, options, userContext, onReceive, onError);
     }
-    (void)interfaceType;
-    (void)locator;
-    (void)options;
-    (void)userContext;
-    (void)onReceive;
-    (void)onError;
+    if (interfaceType == KM_IO_IFACE_USB) {
+        return std::make_shared<IoFtdi>(locator, options, userContext, onReceive, onError);
+    }
     return nullptr;
 }
 

@@ -55,20 +55,27 @@ TEST(ApiTest, OnlyUsbAndSerialEnumerateOnTheirOwn) {
     }
 }
 
-// The USB link is not built yet: opening it fails as a link that cannot be
-// opened, its own listing says the driver is not usable, and the combined
-// listing goes on without it. This test changes when the USB link lands.
-TEST(ApiTest, UsbLinkIsNotAvailableYet) {
-    uint32_t handle = 7;
+// This test runs without FTDI's driver on the loader's path: every USB open
+// says the driver is not usable, and so does the USB listing, while the
+// combined listing goes on without USB devices.
+TEST(ApiTest, UsbWithoutTheDriverLibrary) {
     const auto receive = [](void*, const uint8_t*, size_t) {};
-    EXPECT_EQ(KM_IO_Open(&handle, "usb:sn:KM1", "", nullptr, receive, nullptr), KM_IO_ERR_OPEN_FAILED);
-    EXPECT_EQ(handle, 0u);
+    for (const char* locator : {"usb:sn:KM1", "usb:id:305419896", "usb:0", "usb:nonsense:1:2"}) {
+        uint32_t handle = 7;
+        EXPECT_EQ(KM_IO_Open(&handle, locator, "", nullptr, receive, nullptr), KM_IO_ERR_DRIVER_UNAVAILABLE)
+            << locator;
+        EXPECT_EQ(handle, 0u);
+    }
     char text[16];
     size_t size = sizeof text;
     EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_USB, "", text, &size), KM_IO_ERR_DRIVER_UNAVAILABLE);
     size = sizeof text;
     EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, "iface-type usb", text, &size), KM_IO_OK);
     EXPECT_EQ(size, 0u);
+    // A bad USB locator format is still a bad option, driver or not.
+    size = sizeof text;
+    EXPECT_EQ(KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, "iface-type usb\nlocator-format-usb host", text, &size),
+              KM_IO_ERR_BAD_OPTIONS);
 }
 
 TEST(ApiTest, BadOptionStringsGiveBadOptions) {
