@@ -1,0 +1,87 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "kmio/kmio.h"
+#include "options/option_sets.h"
+#include "options/property_record.h"
+#include "support/callback_sink.h"
+#include "support/ftdi_sim_control.h"
+#include "usb/d2xx_binding.h"
+#include "usb/io_ftdi.h"
+#include "usb/usb_device_cache.h"
+#include "usb/usb_enumeration.h"
+
+namespace kmiotest {
+
+// A steady clock that moves only when the test says so.
+class ManualClock {
+public:
+    kmio::SteadyTimeSource source() {
+        return [this] { return now_; };
+    }
+    void advance(std::chrono::milliseconds by) { now_ += by; }
+
+private:
+    std::chrono::steady_clock::time_point now_ =
+        std::chrono::steady_clock::time_point{} + std::chrono::hours(1);
+};
+
+// Every test starts with an empty simulator, a binding that loads the driver
+// by its own name, and a device cache of its own on a hand-moved clock.
+class UsbSimTest : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(sim.reset()); }
+    void TearDown() override { EXPECT_EQ(sim.openHandles(), 0u) << "a chip was left open"; }
+
+    void addChip(const std::string& line) { ASSERT_TRUE(sim.addChip(line)) << line; }
+
+    // The combined enumeration's USB section, rendered with every key.
+    std::string enumerate(const std::string& options, std::uint32_t* result = nullptr) {
+        kmio::RecordList records;
+        const std::uint32_t r =
+            kmio::enumerateUsbDevices(kmio::EnumerationOptions::parse(options).usb, records, cache);
+        if (result != nullptr) {
+            *result = r;
+        } else {
+            EXPECT_EQ(r, KM_IO_OK) << options;
+        }
+        return kmio::renderRecords(records, {"all"});
+    }
+
+    // The older (type 1) listing's text.
+    std::string listOlder(const std::string& options, std::uint32_t* result = nullptr) {
+        char buffer[4096];
+        std::size_t size = sizeof buffer;
+        const std::uint32_t r = kmio::listUsbDevices(options, buffer, &size, cache);
+        if (result != nullptr) {
+            *result = r;
+        } else {
+            EXPECT_EQ(r, KM_IO_OK) << options;
+        }
+        return r == KM_IO_OK ? std::string(buffer, size) : std::string();
+    }
+
+    std::shared_ptr<kmio::IoFtdi> makeDevice(const std::string& locator, const std::string& options = "") {
+        return std::make_shared<kmio::IoFtdi>(locator, options, &sink, Sink::onReceive, Sink::onError, cache);
+    }
+
+    // Opens a device; the result code of open().
+    std::uint32_t open(std::shared_ptr<kmio::IoFtdi>& device, const std::string& locator,
+                       const std::string& options = "") {
+        device = makeDevice(locator, options);
+        return device->open(device);
+    }
+
+    FtdiSimControl sim;
+    kmio::D2xxBinding binding{"libftd2xx.so", "libftchipid.so"};
+    ManualClock clock;
+    kmio::UsbDeviceCache cache{binding, clock.source()};
+    Sink sink;
+};
+
+}  // namespace kmiotest
