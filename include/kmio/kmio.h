@@ -79,6 +79,92 @@
  * KM_IO_Send has no time limit (a peer that holds XOFF blocks it); closing
  * the handle makes a blocked send return KM_IO_ERR_SEND_FAILED.
  *
+ * USB (Linux)
+ * -----------
+ * USB devices carry an FTDI chip and are reached through FTDI's D2XX driver,
+ * "libftd2xx.so", which the library loads with dlopen the first time a USB
+ * function needs it (never when the library itself loads), by that name and
+ * so through the loader's search path (LD_LIBRARY_PATH, the ld.so cache,
+ * the default folders). FTDI's chip-ID library "libftchipid.so" is used when
+ * it loads too; without it (there is none for 64-bit Linux) a chip's id is
+ * derived from its EEPROM words 0x43 and 0x44, which only FT232R and FT245R
+ * chips carry (an erased pair reads as "no id"). If the driver cannot be
+ * loaded, or lacks one of its 22 functions, that verdict holds for the life
+ * of the process, even if the driver is installed meanwhile: then every
+ * "usb:" open and KM_IO_EnumerateDevices(KM_IO_IFACE_USB) give
+ * KM_IO_ERR_DRIVER_UNAVAILABLE, while KM_IO_IFACE_ALL lists no USB devices
+ * and does not fail, so a machine without the driver still lists its network
+ * and serial devices.
+ *
+ * Locators: "usb:sn:SERIAL"; "usb:id:CHIPID" (decimal; resolved through the
+ * KM_IO_IFACE_USB list, so "product-name" options narrow it: an id of 0 or
+ * one no listed device has gives KM_IO_ERR_NOT_FOUND, a device listed with
+ * that id but no serial number KM_IO_ERR_ENUMERATION_FAILED); "usb:N", the
+ * N-th (from 0) device not open by any program whose description matches
+ * the "product-name" options. Any other shape gives KM_IO_ERR_BAD_LOCATOR. A
+ * device open in another program is not found (KM_IO_ERR_NOT_FOUND). A
+ * high-speed dual-channel chip (FT2232H) is one device, known by channel A:
+ * it is listed once, its description without the " A" and its serial number
+ * without the channel letter; "usb:sn:" accepts that serial number as well
+ * as the channel's own.
+ *
+ * Opening reads the device's link profile from its EEPROM user area (a
+ * record tagged "KMIO": 500000 baud; 12000000 baud with RTS/CTS; synchronous
+ * FIFO; 3000000 baud) or, untagged, from its description; a device whose
+ * profile is unknown gives KM_IO_ERR_BAD_OPTIONS. "baudrate" and
+ * "ftdi-flow-control" ("none", "rtscts", "dtrdsr"; anything else:
+ * KM_IO_ERR_BAD_OPTIONS) override the profile. A rate the driver rejects, and
+ * an "ftdi-latency" above 255, give KM_IO_ERR_BAD_OPTIONS; any other driver
+ * call that fails while opening gives KM_IO_ERR_OPEN_FAILED, and the chip is
+ * closed again.
+ *
+ * Received bytes arrive in blocks of at most 1024 bytes. The receiving
+ * thread waits for the driver's receive event, at most "health-check" ms at
+ * a time (default 250), and then looks at the chip: an unplugged chip is
+ * reported as KM_IO_ERR_LINK_LOST within one period; with "health-check 0"
+ * there is no time limit and an unplug is noticed only when the driver
+ * signals the event. Any other driver failure is KM_IO_ERR_LINK_FAILED. A
+ * link error is reported once; nothing is received after it, and the handle
+ * stays open until closed. The driver's event does not say what happened,
+ * so bytes that arrive in the very instant the thread starts waiting are
+ * picked up at the next event or health check. KM_IO_Close returns within
+ * milliseconds whatever "health-check" is.
+ *
+ * KM_IO_Send gives up after "tx-timeout" ms (default 1000) with
+ * KM_IO_ERR_SEND_FAILED, part of the data possibly sent; a driver I/O error
+ * (an unplugged chip) gives KM_IO_ERR_LINK_LOST, any other driver failure
+ * KM_IO_ERR_SEND_FAILED. The one property is "ftdi-id", the chip id in
+ * decimal (KM_IO_ERR_NOT_SUPPORTED when it cannot be read).
+ *
+ * Listing (KM_IO_IFACE_ALL): the driver's device list is cached for 1500 ms
+ * ("force-rescan" reads it anew). Devices of the driver's unknown type are
+ * never listed. Each listed device is asked which protocols it speaks:
+ * devices described as "Kalomet DRV-I" and "Kalomet HUB-3X" speak 146 and
+ * 147 and are not asked; others are opened, configured as their profile
+ * says and sent a query frame, and must answer within 250 ms in all (a
+ * device that does not costs that long). A device that cannot be asked, or
+ * gives no valid answer, is listed without "protocol-id". Frames whose start
+ * byte, length or CRC-32 is wrong are discarded. The answer is read up to
+ * its protocol-id frame (a 16-bit count, then that many 16-bit ids, little
+ * endian) or up to the time limit; a status frame (type 240) carries its
+ * value in its first 16 bits. A device yields one record per protocol id,
+ * keys in this order: iface-type, usb-vid, usb-pid, usb-desc, device-sn,
+ * locator, available, usb-id (when the chip id is known and not 0),
+ * protocol-id. "locator-format-usb sn" (the default) writes "usb:sn:"
+ * locators, "id" writes "usb:id:" ones ("usb:id:0" for a chip without id);
+ * any other value gives KM_IO_ERR_BAD_OPTIONS before anything is scanned.
+ * "usb-desc" and "protocol-id" are shown only with "include-all". A driver
+ * list that cannot be read gives KM_IO_ERR_ENUMERATION_FAILED.
+ *
+ * KM_IO_EnumerateDevices(KM_IO_IFACE_USB) writes the older list: option lines
+ * "product-name NAME" (repeatable), "usb-vid N" and "usb-pid N" (repeatable,
+ * decimal), and the flags "include-id", "include-usb-vid", "include-usb-pid",
+ * "include-ds", "include-sn" and "force-rescan", each set by its name
+ * standing anywhere in the text. One line per device not open by any
+ * program: "usb", then ":id:" CHIPID, ":usb-vid:" VID, ":usb-pid:" PID, ":ds:"
+ * DESCRIPTION and ":sn:" SERIAL for the flags set, in this order, numbers
+ * decimal; lines joined by '\n'.
+ *
  * Threads
  * -------
  * Every function may be called from any thread. The receive and link-error
@@ -196,8 +282,12 @@ KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *loc
  *             (default 5000), "iface network:A.B.C.D" or "iface network:all"
  *             (interfaces on which a "network:sn:" locator is searched),
  *             "discovery-timeout MS" (default 100).
- *  - usb:     "baudrate", "rx-timeout", "tx-timeout", "ftdi-latency",
- *             "health-check", "product-name", "ftdi-flow-control".
+ *  - usb:     "baudrate" (default: the device's link profile),
+ *             "ftdi-flow-control none|rtscts|dtrdsr", "rx-timeout MS" and
+ *             "tx-timeout MS" (driver time-outs, default 1000; tx-timeout
+ *             also limits one KM_IO_Send), "ftdi-latency MS" (default 2),
+ *             "health-check MS" (default 250, 0 = none), "product-name"
+ *             (repeatable). See "USB (Linux)" above.
  *  - all:     "strict" rejects unknown keys.
  *
  * @param handle      out: the handle, 0 to 63; written 0 on failure.
@@ -262,7 +352,9 @@ KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
  * @param ioSize in: capacity of value; out: length written or size needed.
  * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_UNKNOWN_PROPERTY;
  *         KM_IO_ERR_BUFFER_TOO_SMALL; KM_IO_ERR_NOT_SUPPORTED (USB: the driver
- *         failed to read the property).
+ *         failed to read the property). USB devices know "ftdi-id"; a null
+ *         key is an unknown key, a null value counts as a buffer of
+ *         capacity 0, and a null ioSize gives KM_IO_ERR_BUFFER_TOO_SMALL.
  */
 KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *value, size_t *ioSize);
 
@@ -326,15 +418,17 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *c
  * Lists devices as record text (out-buffer convention above).
  *
  * KM_IO_IFACE_SERIAL lists the serial locators, one per line (the option text
- * is only searched for "force-rescan"). KM_IO_IFACE_USB lists USB devices.
+ * is only searched for "force-rescan"). KM_IO_IFACE_USB writes the older USB
+ * list (see "USB (Linux)" above).
  * KM_IO_IFACE_ALL lists devices of the links named by "iface-type" lines
  * ("usb", "network", "serial" or "all"; none given means all), USB first, then
  * network, then serial. Network devices are found only on the interfaces named
  * by "iface network:A.B.C.D" or "iface network:all" lines. Further options:
  * "find-only-available" (default true), "find-protocol-id", "find-device-sn",
  * "find-device-type", "find-usb-vid", "find-usb-pid", "find-usb-product-name",
- * "discovery-timeout MS" (default 100), "force-rescan" (ignore the 3-second
- * caches), "locator-format-network sn|host", "locator-format-usb sn|id",
+ * "discovery-timeout MS" (default 100), "force-rescan" (ignore the caches:
+ * 3 s for network, 1.5 s for USB), "locator-format-network sn|host",
+ * "locator-format-usb sn|id",
  * "only-locator", "include-KEY".
  *
  * @return KM_IO_OK; KM_IO_ERR_NOT_SUPPORTED for other interface types;
