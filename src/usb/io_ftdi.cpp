@@ -359,6 +359,11 @@ std::uint32_t IoFtdi::send(const std::uint8_t* data, std::size_t length) {
         if (sent < length && SteadyClock::now() - start > limit) {
             return KM_IO_ERR_SEND_FAILED;
         }
+        if (written == 0) {
+            // The driver took nothing without waiting for its own time-out;
+            // pause instead of asking again at once.
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
     return KM_IO_OK;
 }

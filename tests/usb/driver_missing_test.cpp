@@ -3,13 +3,13 @@
 // without USB, and the verdict is never revisited in the process, even once
 // the driver has become loadable.
 //
-// The executable's run path names an empty folder (nothing else is on the
-// search path: LD_LIBRARY_PATH does not name the simulator). The library's
-// loader and this test's own dlopen calls come from the same executable
-// (the library is linked in statically), so they search the same path. After
-// the first failure the test links the simulator into that folder and shows
-// that the driver now loads from there, then that the library still answers
-// as if it did not.
+// The executable's RPATH names a folder that is empty when the test starts
+// (nothing else is on the search path: LD_LIBRARY_PATH does not name the
+// simulator). An executable's RPATH is searched by every dlopen in the
+// process, so the library's loader and this test's own dlopen calls search
+// the same path. After the first failure the test links the simulator into
+// that folder and shows that the driver now loads from there, then that the
+// library still answers as if it did not.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
