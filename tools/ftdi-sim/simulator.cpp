@@ -31,6 +31,25 @@ void copyText(char (&field)[N], const std::string& text) {
     std::memcpy(field, text.data(), std::min(text.size(), N - 1));
 }
 
+// What FT_OpenEx looks for: a serial number, a description or a location id.
+std::optional<std::function<bool(const Chip&)>> openExMatcher(void* arg, std::uint32_t flags) {
+    if (flags == kOpenBySerialNumber && arg != nullptr) {
+        return [serial = std::string(static_cast<const char*>(arg))](const Chip& chip) {
+            return chip.description().serial == serial;
+        };
+    }
+    if (flags == kOpenByDescription && arg != nullptr) {
+        return [description = std::string(static_cast<const char*>(arg))](const Chip& chip) {
+            return chip.description().description == description;
+        };
+    }
+    if (flags == kOpenByLocation) {
+        return [location = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(arg))](
+                   const Chip& chip) { return chip.location() == location; };
+    }
+    return std::nullopt;
+}
+
 }  // namespace
 
 Simulator& Simulator::instance() {
@@ -89,23 +108,11 @@ FT_STATUS Simulator::open(int index, FT_HANDLE* handle) {
 
 FT_STATUS Simulator::openEx(void* arg, std::uint32_t flags, FT_HANDLE* handle) {
     Lock lock(mutex_);
-    std::function<bool(const Chip&)> matches;
-    if (flags == kOpenBySerialNumber && arg != nullptr) {
-        const std::string serial(static_cast<const char*>(arg));
-        matches = [serial](const Chip& chip) { return chip.description().serial == serial; };
-    } else if (flags == kOpenByDescription && arg != nullptr) {
-        const std::string description(static_cast<const char*>(arg));
-        matches = [description](const Chip& chip) { return chip.description().description == description; };
-    } else if (flags == kOpenByLocation) {
-        const auto location = static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(arg));
-        matches = [location](const Chip& chip) { return chip.location() == location; };
-    } else {
-        if (const auto failure = injectedFailure("FT_OpenEx")) {
-            return *failure;
-        }
-        return kInvalidParameter;
+    const auto matches = openExMatcher(arg, flags);
+    if (!matches) {
+        return injectedFailure("FT_OpenEx").value_or(kInvalidParameter);
     }
-    return openChip(findPluggedChip(matches), "FT_OpenEx", handle);
+    return openChip(findPluggedChip(*matches), "FT_OpenEx", handle);
 }
 
 FT_STATUS Simulator::openChip(const std::shared_ptr<Chip>& chip, const char* entryPoint, FT_HANDLE* handle) {
@@ -326,7 +333,10 @@ FT_STATUS Simulator::chipId(FT_HANDLE h, std::uint32_t* id) {
     return onHandle(
         h, "FTID_GetChipIDFromHandle", std::nullopt, [&](const std::shared_ptr<Handle>& handle, Lock&) {
             const auto& chipId = handle->chip->description().chipId;
-            if (id == nullptr || !chipId) {
+            if (id == nullptr) {
+                return kInvalidParameter;
+            }
+            if (!chipId) {
                 return kInvalidHandle;  // what the chip-ID library answers for a chip without an id
             }
             *id = *chipId;
