@@ -67,7 +67,8 @@ FTDISIM_API int FtdiSim_AddChip(const char* line);
  * simulator is reset. */
 FTDISIM_API int FtdiSim_Unplug(const char* serial);
 
-/* Bytes from the device: queued for reading and the receive event signalled. */
+/* Bytes from the device: queued for reading and the receive event signalled.
+ * Fails for an unplugged chip. */
 FTDISIM_API int FtdiSim_Feed(const char* serial, const void* data, uint32_t length);
 
 /* Signals the receive event with no data, as a driver does on a status change. */
