@@ -6,6 +6,7 @@
 
 #include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
+#include "platform/join_or_detach.h"
 #include "platform/steady_clock.h"
 
 namespace kalometnd {
@@ -39,7 +40,7 @@ Host::Host(ConnectionFactory makeConnection)
 Host::~Host() {
     stop();
     cancelAll();
-    joinUnlessSelf(thread_);
+    kmio::joinOrDetach(thread_);
 }
 
 void Host::start(const std::set<std::uint32_t>& interfaces) {
@@ -51,7 +52,7 @@ void Host::start(const std::set<std::uint32_t>& interfaces) {
         }
         leftover = std::move(thread_);
     }
-    joinUnlessSelf(leftover);
+    kmio::joinOrDetach(leftover);
     const std::lock_guard lock(mutex_);
     if (running_) {
         throw InvalidOperationException("Host already running");
@@ -76,7 +77,6 @@ void Host::stop() {
             keepReceiving_ = false;
             running_ = false;
             connection = std::move(connection_);
-            error_ = nullptr;
             waitForReceiver = thread_.joinable() && !onReceivingThread;
         }
         // The receiving thread cannot join itself: when a listener stops the
@@ -91,17 +91,6 @@ void Host::stop() {
         connection->close(waitForReceiver);
     }
     if (thread.joinable()) {
-        thread.join();
-    }
-}
-
-void Host::joinUnlessSelf(std::thread& thread) {
-    if (!thread.joinable()) {
-        return;
-    }
-    if (thread.get_id() == std::this_thread::get_id()) {
-        thread.detach();
-    } else {
         thread.join();
     }
 }
@@ -185,11 +174,6 @@ void Host::removeListener(ListenerId id) {
     listeners_.erase(id);
 }
 
-std::exception_ptr Host::lastError() const {
-    const std::lock_guard lock(mutex_);
-    return error_;
-}
-
 void Host::receiveLoop(std::shared_ptr<Connection> connection) {
     std::vector<std::uint8_t> datagram;
     for (;;) {
@@ -210,10 +194,6 @@ void Host::receiveLoop(std::shared_ptr<Connection> connection) {
             handleDatagram(*connection, datagram, networkId, source, kmio::steadyNowNs());
         } catch (const std::exception& e) {
             logLazy(kLogErrors, [&] { return std::string("Host receive failed: ") + e.what(); });
-            {
-                const std::lock_guard lock(mutex_);
-                error_ = std::current_exception();
-            }
             std::this_thread::sleep_for(kPauseAfterError);
         }
     }
