@@ -1,6 +1,8 @@
 #include "interface/device_factory.h"
 
+#include "interface/process_discovery.h"
 #include "network/io_network.h"
+#include "network/network_enumeration.h"
 #include "serial/io_serial.h"
 
 namespace kmio {
@@ -13,7 +15,12 @@ std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::str
         return std::make_shared<IoSerial>(locator, options, userContext, onReceive, onError);
     }
     if (interfaceType == KM_IO_IFACE_NETWORK) {
-        return std::make_shared<IoNetwork>(locator, options, userContext, onReceive, onError);
+        return std::make_shared<IoNetwork>(
+            locator, options, userContext, onReceive, onError,
+            [](const std::string& serialNumber, const NetworkOpenOptions& openOptions,
+               DiscoveredAddress& found) {
+                return resolveNetworkSerialNumber(processDiscovery(), serialNumber, openOptions, found);
+            });
     }
     (void)interfaceType;
     (void)locator;

@@ -9,16 +9,17 @@
 #include <string>
 
 #include "link/io_device.h"
-#include "network/network_enumeration.h"
 #include "link/receiver_thread.h"
-#include "platform/socket.h"
 #include "options/locator.h"
+#include "platform/socket.h"
 #include "platform/wake_event.h"
 
 namespace kmio {
 
 // The TCP device link ("network:HOST:PORT", "network:HOST" with a "port"
-// option, or "network:sn:SERIAL[:PORT]" found through discovery).
+// option, or "network:sn:SERIAL[:PORT]" found through discovery: resolver
+// answers those, resolveNetworkSerialNumber over a discovery cache in the
+// library).
 //
 // open() connects to each resolved IPv4 address in turn, waiting at most
 // "connect-timeout" milliseconds for each, and starts the receiving thread.
@@ -48,7 +49,7 @@ namespace kmio {
 class IoNetwork final : public IoDevice {
 public:
     IoNetwork(std::string locator, std::string options, void* userContext, KM_IO_ReceiveCallback onReceive,
-              KM_IO_LinkErrorCallback onError, SerialNumberResolver resolver = resolveNetworkSerialNumber);
+              KM_IO_LinkErrorCallback onError, SerialNumberResolver resolver);
     ~IoNetwork() override;
 
     std::uint32_t open(std::shared_ptr<IoDevice> self) override;
@@ -62,6 +63,8 @@ private:
     // What one wait of the receiving thread found.
     enum class Readiness { Idle, Readable, Failed };
 
+    // open() without the translation of exceptions into result codes.
+    std::uint32_t connectAndStart(std::shared_ptr<IoDevice> self);
     // The value "connect-timeout" has in the raw option text, else 5000.
     std::uint32_t connectTimeoutMs() const;
     void receiveLoop();

@@ -31,6 +31,12 @@ SerialNumberResolver resolverFor(std::uint16_t port) {
     };
 }
 
+// For locators that name a host: no serial number is ever found.
+SerialNumberResolver noDevices() {
+    return
+        [](const std::string&, const NetworkOpenOptions&, DiscoveredAddress&) { return KM_IO_ERR_NOT_FOUND; };
+}
+
 struct Opened {
     std::shared_ptr<IoNetwork> device;
     std::uint32_t result;
@@ -38,7 +44,7 @@ struct Opened {
 };
 
 Opened open(const std::string& locator, const std::string& options, Sink& sink,
-            SerialNumberResolver resolver = resolveNetworkSerialNumber) {
+            SerialNumberResolver resolver = noDevices()) {
     auto device = std::make_shared<IoNetwork>(locator, options, &sink, &Sink::onReceive, &Sink::onError,
                                               std::move(resolver));
     const auto start = Clock::now();
