@@ -6,6 +6,7 @@
 
 #include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
+#include "platform/ipv4.h"
 #include "platform/join_or_detach.h"
 #include "platform/steady_clock.h"
 
@@ -206,15 +207,15 @@ void Host::handleDatagram(Connection& connection, const std::vector<std::uint8_t
     const bool valid = result == DecodeResult::Valid;
     logLazy(kLogRaw, [&] {
         return std::string("Host got ") + (valid ? "valid " : "invalid ") + "raw packet over " +
-               connection.networkName(networkId) + " from " + ipv4Text(source) + ": " +
+               connection.networkName(networkId) + " from " + kmio::formatIpv4(source) + ": " +
                rawPacketText(datagram);
     });
     if (!valid) {
         return;
     }
     logLazy(kLogPackets, [&] {
-        return "Host got packet over " + connection.networkName(networkId) + " from " + ipv4Text(source) +
-               ": " + packetText(packet);
+        return "Host got packet over " + connection.networkName(networkId) + " from " +
+               kmio::formatIpv4(source) + ": " + packetText(packet);
     });
     dispatch(packet, source, receivedAt);
 }
