@@ -96,11 +96,6 @@ void Host::stop() {
     }
 }
 
-bool Host::running() const {
-    const std::lock_guard lock(mutex_);
-    return running_;
-}
-
 void Host::cancelAll() {
     const std::lock_guard lock(mutex_);
     cancelTable(pendingConfigurations_);

@@ -72,8 +72,6 @@ public:
     // joins the thread (unless called on it). Does nothing when stopped.
     void stop();
 
-    bool running() const;
-
     // Fails every pending request with RequestCancelledException "Cancelled".
     void cancelAll();
 

@@ -34,9 +34,6 @@ public:
     // joinable throws std::system_error as std::thread::detach does.
     void stop(bool wait, const std::function<void()>& requestStop);
 
-    bool joinable() const noexcept { return thread_.joinable(); }
-    bool isCurrentThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
-
 private:
     std::thread thread_;
 };

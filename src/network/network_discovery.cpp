@@ -198,15 +198,6 @@ std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> NetworkDiscov
     return lists;
 }
 
-std::set<Ipv4> NetworkDiscovery::channelAddresses() {
-    const std::lock_guard lock(mutex_);
-    std::set<Ipv4> addresses;
-    for (const auto& [address, tracked] : channels_) {
-        addresses.insert(address);
-    }
-    return addresses;
-}
-
 NetworkDiscovery::Prepared::~Prepared() {
     if (owner_ != nullptr) {
         for (auto& [address, tracked] : created_) {

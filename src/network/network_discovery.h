@@ -110,9 +110,6 @@ public:
     void prepare(const Settings& settings, Prepared& prepared);
     void commit(Prepared& prepared);
 
-    // The interfaces that have a channel now.
-    std::set<Ipv4> channelAddresses();
-
 private:
     // What the cache keeps about one channel, read and written only under the
     // discovery lock.
