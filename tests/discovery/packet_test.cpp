@@ -10,9 +10,9 @@
 namespace kalometnd {
 namespace {
 
-using ndtest::Bytes;
-using ndtest::handDatagram;
-using ndtest::handHeader;
+using kmiotest::Bytes;
+using kmiotest::handDatagram;
+using kmiotest::handHeader;
 
 const Token kToken = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0x4D, 0xEF,
                       0x80, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};

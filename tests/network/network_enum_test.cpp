@@ -12,9 +12,9 @@ namespace {
 TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
     const auto sim = startSimulator(2, 56310);
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "include-all", rc), deviceLine("NE0001", 56310, "network:sn:NE0001") +
-                                                            "\n" +
-                                                            deviceLine("NE0002", 56311, "network:sn:NE0002"));
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "include-all", rc),
+              deviceLine("NE0001", 56310, "network:sn:NE0001") + "\n" +
+                  deviceLine("NE0002", 56311, "network:sn:NE0002"));
     EXPECT_EQ(rc, KM_IO_OK);
 
     const struct {
@@ -32,11 +32,13 @@ TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
         {"iface network:10.0.0.300", KM_IO_ERR_BAD_OPTIONS, ""},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(enumerate(kLoopback + "only-locator\n" + c.options, rc), c.locators) << c.options;
+        EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\n" + c.options, rc), c.locators)
+            << c.options;
         EXPECT_EQ(rc, c.rc) << c.options;
     }
     EXPECT_EQ(
-        enumerate(kLoopback + "locator-format-network host\ninclude-device-sn\ninclude-locator", rc),
+        enumerate(kLoopbackEnumeration + "locator-format-network host\ninclude-device-sn\ninclude-locator",
+                  rc),
         "device-sn=NE0001|locator=network:127.0.0.1:56310\ndevice-sn=NE0002|locator=network:127.0.0.1:56311");
     // Without "iface" no interface is searched.
     EXPECT_EQ(enumerate("iface-type network\nonly-locator", rc), "");
@@ -62,7 +64,7 @@ TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
     // depends on the 3-second freshness, which a loaded machine can outlast;
     // the discovery cache's own test checks that rule with a clock it reads.)
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nforce-rescan 1", rc),
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nforce-rescan 1", rc),
               "network:sn:NE0002\nnetwork:sn:NE0001");
     expectEcho("network:sn:NE0001", "");
 }
@@ -93,8 +95,8 @@ TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
     ASSERT_EQ(events.waitFor(3), 3u);
     EXPECT_EQ(events.at(2), std::make_pair(2u, deviceLine("NE0001", 56340, "network:sn:NE0001", "0")));
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator", rc), "network:sn:NE0002");
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nfind-only-available 0", rc),
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator", rc), "network:sn:NE0002");
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nfind-only-available 0", rc),
               "network:sn:NE0001\nnetwork:sn:NE0002");
 
     ASSERT_EQ(KM_IO_SetGlobalOptions("locator-format-network host"), KM_IO_OK);
@@ -104,7 +106,7 @@ TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
 
     // Stopped devices are dropped by the next pass that they do not answer.
     sim->terminate();
-    enumerate(kLoopback + "force-rescan 1", rc);
+    enumerate(kLoopbackEnumeration + "force-rescan 1", rc);
     ASSERT_EQ(events.waitFor(6), 6u);
     EXPECT_EQ(events.at(4), std::make_pair(2u, deviceLine("NE0001", 56340, "network:127.0.0.1:56340")));
     EXPECT_EQ(events.at(5), std::make_pair(2u, deviceLine("NE0002", 56341, "network:127.0.0.1:56341")));
@@ -135,7 +137,7 @@ TEST(NetworkEnumeration, ConcurrentUseSettlesWithoutDeadlock) {
     std::thread enumerator([&] {
         std::uint32_t rc = 0;
         while (!done) {
-            enumerate(kLoopback + "force-rescan 1\ndiscovery-timeout 20", rc);
+            enumerate(kLoopbackEnumeration + "force-rescan 1\ndiscovery-timeout 20", rc);
             EXPECT_EQ(rc, KM_IO_OK);
         }
     });
@@ -149,7 +151,7 @@ TEST(NetworkEnumeration, ConcurrentUseSettlesWithoutDeadlock) {
     enumerator.join();
     EXPECT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nforce-rescan 1", rc),
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nforce-rescan 1", rc),
               "network:sn:NE0001\nnetwork:sn:NE0002\nnetwork:sn:NE0003");
 }
 

@@ -11,10 +11,15 @@
 #include "serial_test_support.h"
 #include "support/checks.h"
 
-namespace kmio::test {
+namespace kmio {
 namespace {
 
 using namespace std::chrono_literals;
+
+using kmiotest::openSerial;
+using kmiotest::PtyPair;
+using kmiotest::readBackLineSpeed;
+using kmiotest::Sink;
 
 // A pty pair with a sink, and the device opened on its slave.
 class IoSerialPort : public ::testing::Test {
@@ -230,4 +235,4 @@ TEST_F(IoSerialPort, CloseWithWaitFromItsOwnCallbackReturnsAndTheDeviceEnds) {
 }
 
 }  // namespace
-}  // namespace kmio::test
+}  // namespace kmio

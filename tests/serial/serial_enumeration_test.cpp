@@ -14,7 +14,7 @@
 #include "serial/serial_port_cache.h"
 #include "support/manual_clock.h"
 
-namespace kmio::test {
+namespace kmio {
 namespace {
 
 namespace fs = std::filesystem;
@@ -136,4 +136,4 @@ TEST_F(SerialEnumeration, LocatorListFollowsTheBufferConvention) {
 }
 
 }  // namespace
-}  // namespace kmio::test
+}  // namespace kmio
