@@ -199,7 +199,7 @@ TEST_F(HostTest, CancelAndStopFailPendingRequests) {
               std::future_error(std::future_errc::broken_promise).what());
 }
 
-TEST_F(HostTest, StateErrorsAndImmediateStop) {
+TEST_F(HostTest, RunningHostRefusesStartStopsPromptlyAndThenRefusesToDiscover) {
     EXPECT_EQ(thrown<InvalidOperationException>([&] { host.start({kLoopback}); }), "Host already running");
     // The thread sits in a 5 s receive; closing the connection ends it at once.
     const auto start = std::chrono::steady_clock::now();
