@@ -71,11 +71,18 @@ KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void* us
 
 KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event* event, uint32_t* code, char* buffer,
                                            size_t* ioSize) {
+    // No record is no error event either.
+    if (event == nullptr) {
+        return KM_IO_ERR_WRONG_EVENT_TYPE;
+    }
     return kmio::readErrorEventData(*event, code, buffer, ioSize);
 }
 
 KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event* event, const char* options, char* buffer,
                                                size_t* ioSize) {
+    if (event == nullptr) {
+        return KM_IO_ERR_WRONG_EVENT_TYPE;
+    }
     return kmio::readDiscoveryEventData(*event, optionText(options), buffer, ioSize);
 }
 
