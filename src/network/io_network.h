@@ -38,8 +38,10 @@ namespace kmio {
 //  - Without an onError callback, a failed receive is handed to onReceive
 //    instead, with the receive call's result of -1 as its length. The length
 //    parameter is a size_t, so the application sees SIZE_MAX (and the buffer
-//    holds nothing valid). This is how the link has always behaved; an
-//    application that wants to tell failures apart must register onError.
+//    holds nothing valid). It is kept because the public header documents
+//    it (KM_IO_Open), so applications without onError may test for that
+//    length; changing it changes the interface. An application that wants
+//    to tell failures apart registers onError.
 //
 // send() writes all bytes under the device mutex and never raises SIGPIPE;
 // 0 bytes succeed without touching the socket. close() sets the stop flag and
