@@ -23,7 +23,8 @@ std::uint32_t enumerateNetworkDevices(NetworkDiscovery& cache, const NetworkEnum
                                       RecordList& records);
 
 // Records ("iface-type", "network-host", "network-subnet-mask", "name") of the
-// machine's IPv4 interfaces; KM_IO_ERR_ENUMERATION_FAILED when unreadable.
+// machine's IPv4 interfaces. Throws the discovery exceptions when the list
+// cannot be read.
 std::uint32_t enumerateNetworkInterfaces(RecordList& records);
 
 // The discovery settings that the global options ask for ("discovery-iface",
