@@ -172,6 +172,29 @@
  * a time, with no library lock held. The event callback runs on a discovery
  * thread with the library's table lock held; see KM_IO_SetEventCallback for
  * what it must not call.
+ *
+ * Null pointers
+ * -------------
+ * Each function says, for every pointer it takes, whether null is allowed and
+ * what it gives. Where it says "must not be null", the library does not check:
+ * a null pointer there is undefined behaviour.
+ *
+ * Lifecycle
+ * ---------
+ * There is no initialisation call and no close-all. The handle table and the
+ * discovery cache are made on first use and destroyed with the library's
+ * static objects, when the process exits or the library is unloaded.
+ *  - Open devices are not closed for you. Their receiving threads keep the
+ *    devices alive and run until the process ends, and may call onReceive and
+ *    onError while the process shuts down. Close every device, with wait
+ *    non-zero, before returning from main or unloading the library; unloading
+ *    (dlclose, FreeLibrary) with a device open leaves its thread running code
+ *    that is gone.
+ *  - Discovery threads (one per interface that background discovery or an
+ *    enumeration has used) run until the library's static objects are
+ *    destroyed, which stops and joins them; until then they may call the event
+ *    callback. KM_IO_SetGlobalOptions("discovery-iface network:none") ends
+ *    them earlier, and KM_IO_SetEventCallback(NULL, NULL) stops the events.
  */
 #ifndef KMIO_KMIO_H
 #define KMIO_KMIO_H
@@ -254,8 +277,12 @@ typedef void (*KM_IO_LinkErrorCallback)(void *userContext, uint32_t code);
 typedef void (*KM_IO_EventCallback)(void *userData, uint32_t eventType, const KM_IO_Event *event);
 
 /**
- * Reports the library version (2.2.0). Every pointer must be valid.
- * Returns KM_IO_OK.
+ * Reports the library version (2.2.0).
+ *
+ * @param major  out: 2; must not be null.
+ * @param minor  out: 2; must not be null.
+ * @param update out: 0; must not be null.
+ * @return KM_IO_OK.
  */
 KM_IO_API uint32_t KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *update);
 
@@ -264,8 +291,9 @@ KM_IO_API uint32_t KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *
  * KM_IO_IFACE_USB, "network" KM_IO_IFACE_NETWORK, "serial" KM_IO_IFACE_SERIAL;
  * the comparison is case-sensitive). Only the prefix is examined.
  *
- * @param type    out: the interface type; KM_IO_IFACE_NONE on failure.
- * @param locator NUL-terminated locator; must not be null.
+ * @param type    out: the interface type; KM_IO_IFACE_NONE on failure; must
+ *                not be null.
+ * @param locator NUL-terminated locator; null gives KM_IO_ERR_BAD_LOCATOR.
  * @return KM_IO_OK, or KM_IO_ERR_BAD_LOCATOR when there is no ':' or the prefix
  *         is unknown.
  */
@@ -290,13 +318,18 @@ KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *loc
  *             (repeatable). See "USB (Linux)" above.
  *  - all:     "strict" rejects unknown keys.
  *
- * @param handle      out: the handle, 0 to 63; written 0 on failure.
- * @param locator     NUL-terminated locator; must not be null.
- * @param options     option string, or null for none.
- * @param userContext passed back unchanged as the first argument of both callbacks.
- * @param onReceive   called with every block of received bytes; must not be null.
+ * @param handle      out: the handle, 0 to 63; written 0 on failure; must not
+ *                    be null.
+ * @param locator     NUL-terminated locator; null gives KM_IO_ERR_BAD_LOCATOR.
+ * @param options     option string; null is the same as "".
+ * @param userContext passed back unchanged as the first argument of both
+ *                    callbacks and never read by the library; may be null.
+ * @param onReceive   called with every block of received bytes; must not be
+ *                    null (the open succeeds, and the first block received
+ *                    calls through it).
  * @param onError     called with KM_IO_ERR_LINK_LOST or KM_IO_ERR_LINK_FAILED
- *                    when the link fails; may be null.
+ *                    when the link fails; null means link failures are not
+ *                    reported (but see network devices below).
  * @return KM_IO_OK; KM_IO_ERR_BAD_LOCATOR, KM_IO_ERR_NOT_FOUND,
  *         KM_IO_ERR_BAD_OPTIONS, KM_IO_ERR_OPEN_FAILED,
  *         KM_IO_ERR_DRIVER_UNAVAILABLE from the link; KM_IO_ERR_NO_FREE_HANDLE
@@ -331,7 +364,7 @@ KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait);
  * Sends bytes to a device and returns when the link has accepted all of them.
  * Sends to one device are serialised; a concurrent KM_IO_Close is safe.
  *
- * @param data   the bytes; may be null when length is 0.
+ * @param data   the bytes; may be null only when length is 0.
  * @param length number of bytes; 0 succeeds without touching the link.
  * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_SEND_FAILED;
  *         KM_IO_ERR_LINK_LOST (network: send timed out; USB: driver I/O error).
@@ -347,9 +380,10 @@ KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
  * KM_IO_ERR_BUFFER_TOO_SMALL and *ioSize stays 0. Network devices answer
  * KM_IO_ERR_UNKNOWN_PROPERTY for every key, with an empty output.
  *
- * @param key    NUL-terminated property key.
- * @param value  caller buffer.
- * @param ioSize in: capacity of value; out: length written or size needed.
+ * @param key    NUL-terminated property key; null is the same as "".
+ * @param value  caller buffer; may be null only when *ioSize is 0.
+ * @param ioSize in: capacity of value; out: length written or size needed;
+ *               must not be null.
  * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_UNKNOWN_PROPERTY;
  *         KM_IO_ERR_BUFFER_TOO_SMALL; KM_IO_ERR_NOT_SUPPORTED (USB: the driver
  *         failed to read the property). USB devices know "ftdi-id"; a null
@@ -378,6 +412,9 @@ KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *val
  * caller. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
  * called.
  *
+ * @param callback the event function; null switches events off.
+ * @param userData passed back unchanged as the callback's first argument and
+ *                 never read by the library; may be null.
  * @return KM_IO_OK.
  */
 KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *userData);
@@ -385,9 +422,17 @@ KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *us
 /**
  * Reads an error event (type KM_IO_EVENT_ERROR): its code and message text.
  *
- * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE for other events (nothing
- *         written); KM_IO_ERR_BUFFER_TOO_SMALL (*ioSize = length + 1; buffer and
- *         *code untouched).
+ * @param event  the record handed to the event callback; null gives
+ *               KM_IO_ERR_WRONG_EVENT_TYPE.
+ * @param code   out: the error code, written only with KM_IO_OK; must not be
+ *               null.
+ * @param buffer caller buffer for the message; may be null only when *ioSize
+ *               is 0 (the call then reports the size needed).
+ * @param ioSize in: capacity of buffer; out: length written or size needed;
+ *               must not be null.
+ * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE for other events and for a null
+ *         event (nothing written); KM_IO_ERR_BUFFER_TOO_SMALL (*ioSize =
+ *         length + 1; buffer and *code untouched).
  */
 KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *code, char *buffer, size_t *ioSize);
 
@@ -400,7 +445,14 @@ KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *c
  * ignored. An "only-locator" value that is not a boolean throws
  * std::invalid_argument through the caller (C++ callers only).
  *
- * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE; KM_IO_ERR_BUFFER_TOO_SMALL.
+ * @param event   the record handed to the event callback; null gives
+ *                KM_IO_ERR_WRONG_EVENT_TYPE.
+ * @param options option string; null is the same as "" (every key).
+ * @param buffer  caller buffer; may be null only when *ioSize is 0.
+ * @param ioSize  in: capacity of buffer; out: length written or size needed;
+ *                must not be null.
+ * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE for other events and for a null
+ *         event (nothing written); KM_IO_ERR_BUFFER_TOO_SMALL.
  */
 KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const char *options, char *buffer,
                                                size_t *ioSize);
@@ -410,6 +462,7 @@ KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const c
  * writes 1 for KM_IO_IFACE_USB and KM_IO_IFACE_SERIAL, 0 for anything else
  * (network devices are listed through KM_IO_IFACE_ALL).
  *
+ * @param can out: 1 or 0; must not be null.
  * @return KM_IO_OK.
  */
 KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *can);
@@ -431,6 +484,10 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *c
  * "locator-format-usb sn|id",
  * "only-locator", "include-KEY".
  *
+ * @param options option string; null is the same as "".
+ * @param buffer  caller buffer; may be null only when *ioSize is 0.
+ * @param ioSize  in: capacity of buffer; out: length written or size needed;
+ *                must not be null.
  * @return KM_IO_OK; KM_IO_ERR_NOT_SUPPORTED for other interface types;
  *         KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
  *         KM_IO_ERR_ENUMERATION_FAILED; KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
@@ -447,6 +504,10 @@ KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *op
  * iface-type, name, serial-port (serial). "include-KEY" selects keys;
  * "only-KEY" prints only that key's value (at most one "only-" option).
  *
+ * @param options option string; null is the same as "" (both kinds).
+ * @param buffer  caller buffer; may be null only when *ioSize is 0.
+ * @param ioSize  in: capacity of buffer; out: length written or size needed;
+ *                must not be null.
  * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
  *         KM_IO_ERR_ENUMERATION_FAILED when the network interface list cannot
  *         be read.
@@ -462,8 +523,9 @@ KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char *options, char *buffer, 
  *
  * Must not be called from the event callback.
  *
- * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS (the earlier settings stay in force);
- *         or the failure code of the discovery when it cannot apply them.
+ * @param options option string; null is the same as "" (nothing changes).
+ * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS for a bad string or an interface on
+ *         which discovery cannot be set up (the earlier settings stay in force).
  */
 KM_IO_API uint32_t KM_IO_SetGlobalOptions(const char *options);
 

@@ -6,6 +6,8 @@
 
 #include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
+#include "platform/ipv4.h"
+#include "platform/join_or_detach.h"
 #include "platform/steady_clock.h"
 
 namespace kalometnd {
@@ -39,7 +41,7 @@ Host::Host(ConnectionFactory makeConnection)
 Host::~Host() {
     stop();
     cancelAll();
-    joinUnlessSelf(thread_);
+    kmio::joinOrDetach(thread_);
 }
 
 void Host::start(const std::set<std::uint32_t>& interfaces) {
@@ -51,7 +53,7 @@ void Host::start(const std::set<std::uint32_t>& interfaces) {
         }
         leftover = std::move(thread_);
     }
-    joinUnlessSelf(leftover);
+    kmio::joinOrDetach(leftover);
     const std::lock_guard lock(mutex_);
     if (running_) {
         throw InvalidOperationException("Host already running");
@@ -76,7 +78,6 @@ void Host::stop() {
             keepReceiving_ = false;
             running_ = false;
             connection = std::move(connection_);
-            error_ = nullptr;
             waitForReceiver = thread_.joinable() && !onReceivingThread;
         }
         // The receiving thread cannot join itself: when a listener stops the
@@ -93,22 +94,6 @@ void Host::stop() {
     if (thread.joinable()) {
         thread.join();
     }
-}
-
-void Host::joinUnlessSelf(std::thread& thread) {
-    if (!thread.joinable()) {
-        return;
-    }
-    if (thread.get_id() == std::this_thread::get_id()) {
-        thread.detach();
-    } else {
-        thread.join();
-    }
-}
-
-bool Host::running() const {
-    const std::lock_guard lock(mutex_);
-    return running_;
 }
 
 void Host::cancelAll() {
@@ -185,11 +170,6 @@ void Host::removeListener(ListenerId id) {
     listeners_.erase(id);
 }
 
-std::exception_ptr Host::lastError() const {
-    const std::lock_guard lock(mutex_);
-    return error_;
-}
-
 void Host::receiveLoop(std::shared_ptr<Connection> connection) {
     std::vector<std::uint8_t> datagram;
     for (;;) {
@@ -210,10 +190,6 @@ void Host::receiveLoop(std::shared_ptr<Connection> connection) {
             handleDatagram(*connection, datagram, networkId, source, kmio::steadyNowNs());
         } catch (const std::exception& e) {
             logLazy(kLogErrors, [&] { return std::string("Host receive failed: ") + e.what(); });
-            {
-                const std::lock_guard lock(mutex_);
-                error_ = std::current_exception();
-            }
             std::this_thread::sleep_for(kPauseAfterError);
         }
     }
@@ -226,15 +202,15 @@ void Host::handleDatagram(Connection& connection, const std::vector<std::uint8_t
     const bool valid = result == DecodeResult::Valid;
     logLazy(kLogRaw, [&] {
         return std::string("Host got ") + (valid ? "valid " : "invalid ") + "raw packet over " +
-               connection.networkName(networkId) + " from " + ipv4Text(source) + ": " +
+               connection.networkName(networkId) + " from " + kmio::formatIpv4(source) + ": " +
                rawPacketText(datagram);
     });
     if (!valid) {
         return;
     }
     logLazy(kLogPackets, [&] {
-        return "Host got packet over " + connection.networkName(networkId) + " from " + ipv4Text(source) +
-               ": " + packetText(packet);
+        return "Host got packet over " + connection.networkName(networkId) + " from " +
+               kmio::formatIpv4(source) + ": " + packetText(packet);
     });
     dispatch(packet, source, receivedAt);
 }

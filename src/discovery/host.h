@@ -72,8 +72,6 @@ public:
     // joins the thread (unless called on it). Does nothing when stopped.
     void stop();
 
-    bool running() const;
-
     // Fails every pending request with RequestCancelledException "Cancelled".
     void cancelAll();
 
@@ -105,12 +103,7 @@ public:
     // An unknown id is ignored.
     void removeListener(ListenerId id);
 
-    // The last exception the receiving thread caught (it logs it and keeps
-    // receiving); reset by stop.
-    std::exception_ptr lastError() const;
-
 private:
-    static void joinUnlessSelf(std::thread& thread);
     void receiveLoop(std::shared_ptr<Connection> connection);
     void handleDatagram(Connection& connection, const std::vector<std::uint8_t>& datagram, unsigned networkId,
                         std::uint32_t source, std::int64_t receivedAt);
@@ -126,7 +119,6 @@ private:
     bool keepReceiving_ = false;
     std::shared_ptr<Connection> connection_;
     std::thread thread_;
-    std::exception_ptr error_;
     std::mt19937_64 tokenGenerator_;
     std::map<Token, std::promise<GetDeviceConfigResult>> pendingConfigurations_;
     std::map<Token, std::promise<ResultCode>> pendingResults_;

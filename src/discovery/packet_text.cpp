@@ -1,6 +1,7 @@
 #include <string>
 
 #include "discovery/packet.h"
+#include "platform/ipv4.h"
 
 namespace kalometnd {
 
@@ -26,8 +27,9 @@ std::string payloadText(const Packet& packet) {
             if (!readConfiguration(packet, config)) {
                 break;
             }
-            return ", IP: " + ipv4Text(config.ipAddress) + ", Gateway: " + ipv4Text(config.gateway) +
-                   ", SubnetMask: " + ipv4Text(config.subnetMask) +
+            return ", IP: " + kmio::formatIpv4(config.ipAddress) +
+                   ", Gateway: " + kmio::formatIpv4(config.gateway) +
+                   ", SubnetMask: " + kmio::formatIpv4(config.subnetMask) +
                    ", DHCP: " + (config.dhcp ? "Enabled" : "Disabled");
         }
         case OpCode::SetDeviceInfo: {
@@ -63,8 +65,7 @@ std::string payloadText(const Packet& packet) {
 }  // namespace
 
 std::string ipv4Text(std::uint32_t address) {
-    return std::to_string(address >> 24) + "." + std::to_string((address >> 16) & 0xFF) + "." +
-           std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
+    return kmio::formatIpv4(address);
 }
 
 std::string_view opCodeName(OpCode opcode) {

@@ -1,6 +1,8 @@
 #include "interface/device_factory.h"
 
+#include "interface/process_discovery.h"
 #include "network/io_network.h"
+#include "network/network_enumeration.h"
 #include "serial/io_serial.h"
 #include "usb/io_ftdi.h"
 
@@ -9,12 +11,16 @@ namespace kmio {
 std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::string& locator,
                                      const std::string& options, void* userContext,
                                      KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError) {
-    // Each link's class is added here as it is implemented.
     if (interfaceType == KM_IO_IFACE_SERIAL) {
         return std::make_shared<IoSerial>(locator, options, userContext, onReceive, onError);
     }
     if (interfaceType == KM_IO_IFACE_NETWORK) {
-        return std::make_shared<IoNetwork>(locator, options, userContext, onReceive, onError);
+        return std::make_shared<IoNetwork>(
+            locator, options, userContext, onReceive, onError,
+            [](const std::string& serialNumber, const NetworkOpenOptions& openOptions,
+               DiscoveredAddress& found) {
+                return resolveNetworkSerialNumber(processDiscovery(), serialNumber, openOptions, found);
+            });
     }
     if (interfaceType == KM_IO_IFACE_USB) {
         return std::make_shared<IoFtdi>(locator, options, userContext, onReceive, onError);

@@ -1,10 +1,10 @@
 #include "interface/device_table.h"
 
-#include <exception>
 #include <system_error>
 
 #include "interface/device_factory.h"
 #include "interface/event_record.h"
+#include "link/result_translation.h"
 #include "options/locator.h"
 
 namespace kmio {
@@ -27,26 +27,6 @@ public:
 private:
     const DeviceTable* previous_;
 };
-
-// Asks a device to stop. Its close reports nothing, and any failure of it is
-// of no use to the caller, whose handle is already gone.
-void closeDevice(IoDevice& device, bool wait) noexcept {
-    try {
-        device.close(wait);
-    } catch (const std::system_error& e) {
-        if (wait && e.code() == std::errc::resource_deadlock_would_occur) {
-            // A close with wait from the device's own receiving thread (one of
-            // its callbacks) cannot wait for itself. The stop has been
-            // requested already; let the thread go and end on its own, as a
-            // close without wait would, instead of leaving it joinable.
-            try {
-                device.close(false);
-            } catch (const std::exception&) {
-            }
-        }
-    } catch (const std::exception&) {
-    }
-}
 
 }  // namespace
 
@@ -85,19 +65,17 @@ std::uint32_t DeviceTable::open(std::uint32_t& handle, const std::string& locato
     }
 
     std::shared_ptr<IoDevice> device;
-    try {
+    // open() translates its own failures; this covers making the device.
+    const std::uint32_t opened = resultOf(OperationKind::Open, [&] {
         device = factory_(type, locator, options, userContext, onReceive, onError);
         if (!device) {
             // This build has no class for the link.
             return KM_IO_ERR_OPEN_FAILED;
         }
-        const std::uint32_t result = device->open(device);
-        if (result != KM_IO_OK) {
-            return result;
-        }
-    } catch (const std::exception&) {
-        // open() itself never throws; this is the allocation of the device.
-        return KM_IO_ERR_OPEN_FAILED;
+        return device->open(device);
+    });
+    if (opened != KM_IO_OK) {
+        return opened;
     }
 
     std::unique_lock<std::mutex> lock = lockTable();
@@ -112,7 +90,7 @@ std::uint32_t DeviceTable::open(std::uint32_t& handle, const std::string& locato
     lock.unlock();
     // The receiving thread holds its own reference to the device, so dropping
     // ours alone would leave the link open for good: stop the thread first.
-    closeDevice(*device, true);
+    device->close(true);
     return KM_IO_ERR_NO_FREE_HANDLE;
 }
 
@@ -129,7 +107,7 @@ std::uint32_t DeviceTable::close(std::uint32_t handle, bool wait) {
     if (!device) {
         return KM_IO_ERR_INVALID_HANDLE;
     }
-    closeDevice(*device, wait);
+    device->close(wait);
     return KM_IO_OK;
 }
 
@@ -147,11 +125,7 @@ std::uint32_t DeviceTable::send(std::uint32_t handle, const std::uint8_t* data, 
     if (!device) {
         return KM_IO_ERR_INVALID_HANDLE;
     }
-    try {
-        return device->send(data, length);
-    } catch (const std::exception&) {
-        return KM_IO_ERR_SEND_FAILED;
-    }
+    return resultOf(OperationKind::Send, [&] { return device->send(data, length); });
 }
 
 std::uint32_t DeviceTable::getProperty(std::uint32_t handle, const char* key, char* value,
@@ -160,11 +134,7 @@ std::uint32_t DeviceTable::getProperty(std::uint32_t handle, const char* key, ch
     if (!device) {
         return KM_IO_ERR_INVALID_HANDLE;
     }
-    try {
-        return device->getProperty(key, value, ioSize);
-    } catch (const std::exception&) {
-        return KM_IO_ERR_NOT_SUPPORTED;
-    }
+    return resultOf(OperationKind::Property, [&] { return device->getProperty(key, value, ioSize); });
 }
 
 void DeviceTable::setEventCallback(KM_IO_EventCallback callback, void* userData) {

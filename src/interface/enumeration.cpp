@@ -1,48 +1,21 @@
 #include "interface/enumeration.h"
 
 #include <algorithm>
-#include <stdexcept>
 #include <string>
-#include <system_error>
 #include <vector>
 
-#include "network/network_enumeration.h"
-#include "serial/serial_enumeration.h"
-#include "usb/usb_enumeration.h"
-#include "interface/device_table.h"
 #include "kmio/kmio.h"
+#include "link/result_translation.h"
+#include "network/network_enumeration.h"
 #include "options/option_sets.h"
-#include "options/options_error.h"
 #include "options/property_record.h"
 #include "options/text_output.h"
+#include "serial/serial_enumeration.h"
+#include "usb/usb_enumeration.h"
 
 namespace kmio {
 
 namespace {
-
-// Runs one entry point and turns what it throws into a result code.
-template <class Fn>
-std::uint32_t guarded(Fn&& fn) {
-    try {
-        return fn();
-    } catch (const OptionsError&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::invalid_argument&) {
-        // A "strict" value that is not a boolean: still a bad option string.
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::out_of_range&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::system_error& e) {
-        // Re-entering the table mutex from the event callback is the
-        // caller's bug and must stay visible as such.
-        if (e.code() == std::errc::resource_deadlock_would_occur) {
-            throw;
-        }
-        return KM_IO_ERR_ENUMERATION_FAILED;
-    } catch (const std::exception&) {
-        return KM_IO_ERR_ENUMERATION_FAILED;
-    }
-}
 
 void append(RecordList& to, RecordList&& from) {
     to.insert(to.end(), std::make_move_iterator(from.begin()), std::make_move_iterator(from.end()));
@@ -52,7 +25,8 @@ bool named(const std::vector<std::string>& values, std::string_view value) {
     return std::find(values.begin(), values.end(), value) != values.end();
 }
 
-std::uint32_t enumerateAllLinks(std::string_view text, char* buffer, std::size_t* ioSize) {
+std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view text, char* buffer,
+                                std::size_t* ioSize) {
     const EnumerationOptions options = EnumerationOptions::parse(text);
     RecordList records;
     // One list per link, appended in the order USB, network, serial; the
@@ -66,7 +40,7 @@ std::uint32_t enumerateAllLinks(std::string_view text, char* buffer, std::size_t
     }
     if (options.selects("network")) {
         RecordList network;
-        if (const std::uint32_t result = enumerateNetworkDevices(options.network, network);
+        if (const std::uint32_t result = enumerateNetworkDevices(discovery, options.network, network);
             result != KM_IO_OK) {
             return result;
         }
@@ -117,16 +91,16 @@ bool canEnumerateDevices(std::uint32_t interfaceType) noexcept {
     return interfaceType == KM_IO_IFACE_USB || interfaceType == KM_IO_IFACE_SERIAL;
 }
 
-std::uint32_t enumerateDevices(std::uint32_t interfaceType, std::string_view options, char* buffer,
-                               std::size_t* ioSize) {
-    return guarded([&]() -> std::uint32_t {
+std::uint32_t enumerateDevices(NetworkDiscovery& discovery, std::uint32_t interfaceType,
+                               std::string_view options, char* buffer, std::size_t* ioSize) {
+    return resultOf(OperationKind::Enumeration, [&]() -> std::uint32_t {
         switch (interfaceType) {
             case KM_IO_IFACE_USB:
                 return listUsbDevices(options, buffer, ioSize);
             case KM_IO_IFACE_SERIAL:
                 return listSerialLocators(options, buffer, ioSize);
             case KM_IO_IFACE_ALL:
-                return enumerateAllLinks(options, buffer, ioSize);
+                return enumerateAllLinks(discovery, options, buffer, ioSize);
             default:
                 return KM_IO_ERR_NOT_SUPPORTED;
         }
@@ -134,22 +108,8 @@ std::uint32_t enumerateDevices(std::uint32_t interfaceType, std::string_view opt
 }
 
 std::uint32_t enumerateInterfaces(std::string_view options, char* buffer, std::size_t* ioSize) {
-    return guarded([&] { return enumerateHostInterfaces(options, buffer, ioSize); });
-}
-
-std::uint32_t setGlobalOptions(DeviceTable& table, std::string_view options) {
-    return guarded([&] {
-        // A call from the event callback is refused before anything starts.
-        table.throwIfInEventCallback();
-        // A bad string leaves the settings in force untouched: nothing is
-        // applied before parse returns. Channels for new interfaces start
-        // before the table mutex is taken (their hosts' threads take it to
-        // raise events); the settings take effect under it, so they never
-        // change while an event callback runs.
-        const GlobalOptions parsed = GlobalOptions::parse(options);
-        return applyGlobalDiscoveryOptions(
-            parsed, [&](const std::function<std::uint32_t()>& commit) { return table.runLocked(commit); });
-    });
+    return resultOf(OperationKind::Enumeration,
+                    [&] { return enumerateHostInterfaces(options, buffer, ioSize); });
 }
 
 }  // namespace kmio

@@ -16,7 +16,10 @@ std::uint32_t readErrorEventData(const KM_IO_Event& event, std::uint32_t* code, 
 
 // KM_IO_GetDiscoveryEventData: the device record as text, or only its locator
 // with "only-locator". Unknown keys are ignored. A bad "only-locator" literal
-// throws std::invalid_argument("Invalid boolean literal") to the caller.
+// throws std::invalid_argument("Invalid boolean literal") to the caller, out
+// of the exported function: one of the two exceptions the public header
+// documents as leaving the library (KM_IO_GetDiscoveryEventData), so it is
+// not turned into a code.
 std::uint32_t readDiscoveryEventData(const KM_IO_Event& event, std::string_view options, char* buffer,
                                      std::size_t* ioSize);
 

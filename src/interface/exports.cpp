@@ -1,15 +1,18 @@
 // The thirteen exported functions. Each one only translates C arguments into
 // the calls of the objects behind it; the behaviour lives in DeviceTable,
-// event_data.cpp and enumeration.cpp.
+// event_data.cpp, enumeration.cpp and global_options.cpp, over the library's
+// one device table and discovery cache (process_discovery.h wires the
+// cache's events to the table).
 
 #include <cstdint>
 #include <string_view>
 
-#include "network/network_discovery.h"
 #include "interface/device_table.h"
 #include "interface/enumeration.h"
 #include "interface/event_data.h"
 #include "interface/event_record.h"
+#include "interface/global_options.h"
+#include "interface/process_discovery.h"
 #include "kmio/kmio.h"
 #include "options/locator.h"
 
@@ -19,19 +22,6 @@ namespace {
 std::string_view optionText(const char* options) {
     return options != nullptr ? options : "";
 }
-
-// Discovery events reach the application's callback through the table. Set
-// up when the library loads, before any discovery channel can exist; the
-// table is made first so that it outlives the discovery cache, whose
-// destruction at exit stops the host threads that raise events.
-[[maybe_unused]] const bool discoveryEventsRouted = [] {
-    kmio::DeviceTable& table = kmio::DeviceTable::instance();
-    kmio::NetworkDiscovery::instance().setEventSink(
-        [&table](std::uint32_t type, const kmio::PropertyRecord& properties) {
-            table.raiseEvent(type, properties);
-        });
-    return true;
-}();
 
 }  // namespace
 
@@ -81,11 +71,18 @@ KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void* us
 
 KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event* event, uint32_t* code, char* buffer,
                                            size_t* ioSize) {
+    // No record is no error event either.
+    if (event == nullptr) {
+        return KM_IO_ERR_WRONG_EVENT_TYPE;
+    }
     return kmio::readErrorEventData(*event, code, buffer, ioSize);
 }
 
 KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event* event, const char* options, char* buffer,
                                                size_t* ioSize) {
+    if (event == nullptr) {
+        return KM_IO_ERR_WRONG_EVENT_TYPE;
+    }
     return kmio::readDiscoveryEventData(*event, optionText(options), buffer, ioSize);
 }
 
@@ -96,7 +93,8 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t* c
 
 KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char* options, char* buffer,
                                           size_t* ioSize) {
-    return kmio::enumerateDevices(interfaceType, optionText(options), buffer, ioSize);
+    return kmio::enumerateDevices(kmio::processDiscovery(), interfaceType, optionText(options), buffer,
+                                  ioSize);
 }
 
 KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char* options, char* buffer, size_t* ioSize) {
@@ -104,7 +102,8 @@ KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char* options, char* buffer, 
 }
 
 KM_IO_API uint32_t KM_IO_SetGlobalOptions(const char* options) {
-    return kmio::setGlobalOptions(kmio::DeviceTable::instance(), optionText(options));
+    return kmio::setGlobalOptions(kmio::DeviceTable::instance(), kmio::processDiscovery(),
+                                  optionText(options));
 }
 
 }  // extern "C"

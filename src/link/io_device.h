@@ -18,7 +18,9 @@ namespace kmio {
 // Receiving-thread contract shared by all links: open() receives a shared
 // reference to the device and hands it to the receiving thread, which keeps
 // the device alive until the thread ends. close(false) detaches the thread and
-// then asks it to stop; close(true) asks it to stop and joins it.
+// then asks it to stop; close(true) asks it to stop and joins it, except on the
+// receiving thread itself (a callback closing its own device), where it
+// detaches instead (ReceiverThread::stop).
 class IoDevice {
 public:
     IoDevice(std::string locator, std::string options, void* userContext, KM_IO_ReceiveCallback onReceive,
@@ -31,7 +33,9 @@ public:
     // receiving thread. Returns a KM_IO_* result code; never throws.
     virtual std::uint32_t open(std::shared_ptr<IoDevice> self) = 0;
 
-    // Asks the receiving thread to stop, joining it when wait is true.
+    // Asks the receiving thread to stop, joining it when wait is true (see
+    // the class comment for a close from the thread itself). Throws nothing
+    // the caller could act on for a device that open() left running.
     virtual void close(bool wait) = 0;
 
     // Writes all bytes; serialised with other sends of the same device.

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/join_or_detach.h"
+
 namespace kmio {
 
 void ReceiverThread::start(std::shared_ptr<IoDevice> self, std::function<void()> body) {
@@ -20,7 +22,7 @@ void ReceiverThread::stop(bool wait, const std::function<void()>& requestStop) {
         return;
     }
     requestStop();
-    thread_.join();
+    joinOrDetach(thread_);
 }
 
 }  // namespace kmio

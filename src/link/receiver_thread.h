@@ -27,12 +27,12 @@ public:
     void start(std::shared_ptr<IoDevice> self, std::function<void()> body);
 
     // Stops the thread. wait == false: detach, then requestStop(); the caller
-    // does not wait. wait == true: requestStop(), then join. Not joinable, or
-    // joining from the thread itself, throws std::system_error as std::thread does.
+    // does not wait. wait == true: requestStop(), then join; called on the
+    // thread itself (one of the device's callbacks closing it), it detaches
+    // instead and the thread ends on its own after the callback returns, as
+    // with wait == false. A close without wait on a thread that is not
+    // joinable throws std::system_error as std::thread::detach does.
     void stop(bool wait, const std::function<void()>& requestStop);
-
-    bool joinable() const noexcept { return thread_.joinable(); }
-    bool isCurrentThread() const noexcept { return thread_.get_id() == std::this_thread::get_id(); }
 
 private:
     std::thread thread_;

@@ -15,10 +15,7 @@ constexpr kalometnd::DeviceFilter::Criteria kAnyDevice{0xFFFFFFFF, 0, false};
 
 }  // namespace
 
-DiscoverChannel::DiscoverChannel(Ipv4 interfaceAddress, LocatorFormat locatorFormat)
-    : interfaceAddress_(interfaceAddress) {
-    state_.locatorFormat = locatorFormat;
-}
+DiscoverChannel::DiscoverChannel(Ipv4 interfaceAddress) : interfaceAddress_(interfaceAddress) {}
 
 DiscoverChannel::~DiscoverChannel() {
     stop();
@@ -69,7 +66,7 @@ std::shared_future<void> DiscoverChannel::startPass(std::uint32_t timeoutMs,
         .share();
 }
 
-std::vector<kalometnd::DiscoverInfo> DiscoverChannel::filteredDevices() const {
+std::vector<kalometnd::DiscoverInfo> DiscoverChannel::filterList() const {
     return filter_->devices();
 }
 

@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <functional>
 #include <future>
-#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,23 +33,7 @@ public:
         std::function<void(const kalometnd::DiscoverInfo&)> removed;
     };
 
-    struct State {
-        // Devices seen on the interface and currently available, in order of
-        // first appearance: the table serial-number lookups walk.
-        std::vector<kalometnd::DiscoverInfo> devices;
-        // Steady clock (ns) at the start of the last discovery pass.
-        std::int64_t lastDiscoveryNs = std::numeric_limits<std::int64_t>::min();
-        // The form of "locator" in the records of this channel's events.
-        LocatorFormat locatorFormat = LocatorFormat::BySerialNumber;
-        // The pass running now or last run, so that a caller who finds the
-        // channel fresh can still wait for the answers of a pass in flight.
-        std::shared_future<void> pass;
-        // Set when the cache has dropped the channel (or never took it in):
-        // its callbacks then change nothing and raise no event.
-        bool retired = false;
-    };
-
-    DiscoverChannel(Ipv4 interfaceAddress, LocatorFormat locatorFormat);
+    explicit DiscoverChannel(Ipv4 interfaceAddress);
     DiscoverChannel(const DiscoverChannel&) = delete;
     DiscoverChannel& operator=(const DiscoverChannel&) = delete;
     // Stops the host. Must not run on the host's own thread, nor under a lock
@@ -77,16 +60,14 @@ public:
     // pass that fails leaves the device list as it was.
     std::shared_future<void> startPass(std::uint32_t timeoutMs, const std::string& serialNumber);
 
-    // A copy of the filter's device list, unavailable devices included.
-    std::vector<kalometnd::DiscoverInfo> filteredDevices() const;
-
-    State& state() noexcept { return state_; }
+    // A copy of the filter's list: every device the filter keeps, unavailable
+    // ones included.
+    std::vector<kalometnd::DiscoverInfo> filterList() const;
 
 private:
     const Ipv4 interfaceAddress_;
     std::shared_ptr<kalometnd::Host> host_;
     std::shared_ptr<kalometnd::DeviceFilter> filter_;
-    State state_;
 };
 
 }  // namespace kmio

@@ -1,15 +1,14 @@
 #include "network/io_network.h"
 
 #include <algorithm>
-#include <exception>
 #include <limits>
 #include <stdexcept>
 #include <utility>
 #include <vector>
 
+#include "link/result_translation.h"
 #include "options/option_list.h"
 #include "options/option_sets.h"
-#include "options/options_error.h"
 
 namespace kmio {
 
@@ -54,37 +53,34 @@ std::uint32_t IoNetwork::connectTimeoutMs() const {
 }
 
 std::uint32_t IoNetwork::open(std::shared_ptr<IoDevice> self) {
-    try {
-        const NetworkOpenOptions parsed = NetworkOpenOptions::parse(options());
-
-        NetworkTarget target;
-        const std::uint32_t located = parseNetworkLocator(locator(), parsed, resolver_, target);
-        if (located != KM_IO_OK) {
-            return located;
-        }
-
-        const std::uint32_t connected = connectSocket(target.host, target.port, connectTimeoutMs());
-        if (connected != KM_IO_OK) {
-            return connected;
-        }
-
+    return resultOf(OperationKind::Open, [&] {
         try {
-            wake_.emplace();
-            receiver_.start(std::move(self), [this] { receiveLoop(); });
-        } catch (const std::exception&) {
+            return connectAndStart(std::move(self));
+        } catch (...) {
+            // Whatever failed, no connection stays open.
             socket_.reset();
-            return KM_IO_ERR_OPEN_FAILED;
+            throw;
         }
-        return KM_IO_OK;
-    } catch (const OptionsError&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::invalid_argument&) {
-        // A "strict" value that is not a boolean.
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (...) {
-        socket_.reset();
-        return KM_IO_ERR_OPEN_FAILED;
+    });
+}
+
+std::uint32_t IoNetwork::connectAndStart(std::shared_ptr<IoDevice> self) {
+    // The options come first on this link: bad options give
+    // KM_IO_ERR_BAD_OPTIONS even when the locator is bad too.
+    const NetworkOpenOptions parsed = NetworkOpenOptions::parse(options());
+
+    NetworkTarget target;
+    if (const std::uint32_t located = parseNetworkLocator(locator(), parsed, resolver_, target);
+        located != KM_IO_OK) {
+        return located;
     }
+    if (const std::uint32_t connected = connectSocket(target.host, target.port, connectTimeoutMs());
+        connected != KM_IO_OK) {
+        return connected;
+    }
+    wake_.emplace();
+    receiver_.start(std::move(self), [this] { receiveLoop(); });
+    return KM_IO_OK;
 }
 
 void IoNetwork::close(bool wait) {

@@ -9,16 +9,17 @@
 #include <string>
 
 #include "link/io_device.h"
-#include "network/network_enumeration.h"
 #include "link/receiver_thread.h"
-#include "platform/socket.h"
 #include "options/locator.h"
+#include "platform/socket.h"
 #include "platform/wake_event.h"
 
 namespace kmio {
 
 // The TCP device link ("network:HOST:PORT", "network:HOST" with a "port"
-// option, or "network:sn:SERIAL[:PORT]" found through discovery).
+// option, or "network:sn:SERIAL[:PORT]" found through discovery: resolver
+// answers those, resolveNetworkSerialNumber over a discovery cache in the
+// library).
 //
 // open() connects to each resolved IPv4 address in turn, waiting at most
 // "connect-timeout" milliseconds for each, and starts the receiving thread.
@@ -37,8 +38,10 @@ namespace kmio {
 //  - Without an onError callback, a failed receive is handed to onReceive
 //    instead, with the receive call's result of -1 as its length. The length
 //    parameter is a size_t, so the application sees SIZE_MAX (and the buffer
-//    holds nothing valid). This is how the link has always behaved; an
-//    application that wants to tell failures apart must register onError.
+//    holds nothing valid). It is kept because the public header documents
+//    it (KM_IO_Open), so applications without onError may test for that
+//    length; changing it changes the interface. An application that wants
+//    to tell failures apart registers onError.
 //
 // send() writes all bytes under the device mutex and never raises SIGPIPE;
 // 0 bytes succeed without touching the socket. close() sets the stop flag and
@@ -48,7 +51,7 @@ namespace kmio {
 class IoNetwork final : public IoDevice {
 public:
     IoNetwork(std::string locator, std::string options, void* userContext, KM_IO_ReceiveCallback onReceive,
-              KM_IO_LinkErrorCallback onError, SerialNumberResolver resolver = resolveNetworkSerialNumber);
+              KM_IO_LinkErrorCallback onError, SerialNumberResolver resolver);
     ~IoNetwork() override;
 
     std::uint32_t open(std::shared_ptr<IoDevice> self) override;
@@ -62,6 +65,8 @@ private:
     // What one wait of the receiving thread found.
     enum class Readiness { Idle, Readable, Failed };
 
+    // open() without the translation of exceptions into result codes.
+    std::uint32_t connectAndStart(std::shared_ptr<IoDevice> self);
     // The value "connect-timeout" has in the raw option text, else 5000.
     std::uint32_t connectTimeoutMs() const;
     void receiveLoop();

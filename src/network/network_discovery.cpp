@@ -8,7 +8,6 @@
 #include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
 #include "kmio/kmio.h"
-#include "platform/steady_clock.h"
 
 namespace kmio {
 
@@ -29,8 +28,9 @@ PropertyRecord networkDeviceRecord(const kalometnd::DiscoverInfo& device, Ipv4 i
     return record;
 }
 
-NetworkDiscovery::NetworkDiscovery(kalometnd::ConnectionFactory makeConnection)
-    : makeConnection_(std::move(makeConnection)) {
+NetworkDiscovery::NetworkDiscovery(kalometnd::ConnectionFactory makeConnection, Clock clock,
+                                   DiscoveryEventSink sink)
+    : makeConnection_(std::move(makeConnection)), clock_(std::move(clock)), sink_(std::move(sink)) {
     // Host threads write to the discovery log until the destructor has
     // stopped them; making the log first makes it outlive this object.
     (void)kalometnd::logMask();
@@ -44,24 +44,14 @@ NetworkDiscovery::~NetworkDiscovery() {
     }
     // No lock is held here, so callbacks waiting for one can finish and the
     // host threads can be joined.
-    for (auto& [address, channel] : channels) {
-        channel->stop();
+    for (auto& [address, tracked] : channels) {
+        tracked->channel.stop();
     }
 }
 
-NetworkDiscovery& NetworkDiscovery::instance() {
-    static NetworkDiscovery cache;
-    return cache;
-}
-
-void NetworkDiscovery::setEventSink(DiscoveryEventSink sink) {
-    const std::lock_guard lock(mutex_);
-    sink_ = std::move(sink);
-}
-
 NetworkDiscovery::ChannelPtr NetworkDiscovery::makeChannel(Ipv4 address, LocatorFormat format) {
-    auto channel = std::make_shared<DiscoverChannel>(address, format);
-    const std::weak_ptr<DiscoverChannel> weak = channel;
+    auto tracked = std::make_shared<TrackedChannel>(address, format);
+    const std::weak_ptr<TrackedChannel> weak = tracked;
     DiscoverChannel::Callbacks callbacks;
     callbacks.added = [this, weak](const kalometnd::DiscoverInfo& device) { onAdded(weak, device); };
     callbacks.availabilityChanged = [this, weak](const kalometnd::DiscoverInfo& device) {
@@ -69,14 +59,14 @@ NetworkDiscovery::ChannelPtr NetworkDiscovery::makeChannel(Ipv4 address, Locator
     };
     callbacks.removed = [this, weak](const kalometnd::DiscoverInfo& device) { onRemoved(weak, device); };
     try {
-        channel->start(callbacks, makeConnection_);
+        tracked->channel.start(callbacks, makeConnection_);
     } catch (...) {
         // The host may have started before the failure: the reaper joins its
         // thread, away from any lock its callbacks may be waiting for.
-        discard(std::move(channel));
+        discard(std::move(tracked));
         throw;
     }
-    return channel;
+    return tracked;
 }
 
 std::map<Ipv4, NetworkDiscovery::ChannelPtr> NetworkDiscovery::createMissing(
@@ -98,55 +88,58 @@ std::map<Ipv4, NetworkDiscovery::ChannelPtr> NetworkDiscovery::createMissing(
             created.emplace(address, makeChannel(address, format));
         }
     } catch (...) {
-        for (auto& [address, channel] : created) {
-            discard(std::move(channel));
+        for (auto& [address, tracked] : created) {
+            discard(std::move(tracked));
         }
         throw;
     }
     return created;
 }
 
-void NetworkDiscovery::retireLocked(ChannelPtr channel) {
-    channel->state().retired = true;
-    reaper_.retire(std::move(channel));
+void NetworkDiscovery::retireLocked(ChannelPtr tracked) {
+    tracked->state.retired = true;
+    // The reaper holds the channel through a pointer that shares ownership of
+    // the whole record, so the state outlives the host's last callback.
+    DiscoverChannel* channel = &tracked->channel;
+    reaper_.retire(std::shared_ptr<DiscoverChannel>(std::move(tracked), channel));
 }
 
-void NetworkDiscovery::discard(ChannelPtr channel) {
+void NetworkDiscovery::discard(ChannelPtr tracked) {
     const std::lock_guard lock(mutex_);
-    retireLocked(std::move(channel));
+    retireLocked(std::move(tracked));
 }
 
-std::uint32_t NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::uint32_t timeoutMs,
-                                         bool force, const std::string& serialNumber) {
+bool NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::uint32_t timeoutMs, bool force,
+                                const std::string& serialNumber) {
     if (interfaces.empty()) {
-        return KM_IO_ERR_BAD_OPTIONS;
+        return false;
     }
     std::vector<std::shared_future<void>> passes;
     std::map<Ipv4, ChannelPtr> created;
     try {
         created = createMissing(interfaces);
-    } catch (const kalometnd::KalometNDException&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::system_error&) {
-        return KM_IO_ERR_BAD_OPTIONS;
+    } catch (const std::exception&) {
+        // No channel for an interface (not local, port refused, no thread):
+        // nothing has changed.
+        return false;
     }
-    std::uint32_t result = KM_IO_OK;
+    bool started = true;
     {
         const std::lock_guard lock(mutex_);
-        for (auto& [address, channel] : created) {
+        for (auto& [address, tracked] : created) {
             // Another caller may have made one for the same interface meanwhile.
             if (channels_.contains(address)) {
-                retireLocked(std::move(channel));
+                retireLocked(std::move(tracked));
             } else {
-                channels_.emplace(address, std::move(channel));
+                channels_.emplace(address, std::move(tracked));
             }
         }
         try {
-            const std::int64_t now = steadyNowNs();
+            const auto now = clock_();
             for (const Ipv4 address : interfaces) {
-                DiscoverChannel& channel = *channels_.at(address);
-                DiscoverChannel::State& state = channel.state();
-                if (!force && state.lastDiscoveryNs > now - kFreshnessNs) {
+                TrackedChannel& tracked = *channels_.at(address);
+                ChannelState& state = tracked.state;
+                if (!force && state.lastPass && now - *state.lastPass < kFreshness) {
                     // Fresh; a pass started by another caller may still be
                     // collecting, and its answers are what this caller wants.
                     if (state.pass.valid()) {
@@ -154,13 +147,13 @@ std::uint32_t NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::
                     }
                     continue;
                 }
-                state.pass = channel.startPass(timeoutMs, serialNumber);
-                state.lastDiscoveryNs = now;
+                state.pass = tracked.channel.startPass(timeoutMs, serialNumber);
+                state.lastPass = now;
                 passes.push_back(state.pass);
             }
         } catch (const std::system_error&) {
             // No thread for a pass.
-            result = KM_IO_ERR_BAD_OPTIONS;
+            started = false;
         }
     }
     // The passes report devices that stayed silent through the callbacks,
@@ -168,13 +161,13 @@ std::uint32_t NetworkDiscovery::discover(const std::set<Ipv4>& interfaces, std::
     for (const auto& pass : passes) {
         pass.wait();
     }
-    return result;
+    return started;
 }
 
 std::optional<kalometnd::DiscoverInfo> NetworkDiscovery::lookup(const std::string& serialNumber) {
     const std::lock_guard lock(mutex_);
-    for (const auto& [address, channel] : channels_) {
-        for (const kalometnd::DiscoverInfo& device : channel->state().devices) {
+    for (const auto& [address, tracked] : channels_) {
+        for (const kalometnd::DiscoverInfo& device : tracked->state.availableDevices) {
             if (device.serialNumber == serialNumber) {
                 return device;
             }
@@ -183,7 +176,7 @@ std::optional<kalometnd::DiscoverInfo> NetworkDiscovery::lookup(const std::strin
     return std::nullopt;
 }
 
-std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> NetworkDiscovery::devicesOn(
+std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> NetworkDiscovery::filterListsOn(
     const std::set<Ipv4>& interfaces) {
     std::vector<ChannelPtr> selected;
     {
@@ -199,60 +192,40 @@ std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> NetworkDiscov
     // outside the discovery lock keeps the two from crossing.
     std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> lists;
     lists.reserve(selected.size());
-    for (const ChannelPtr& channel : selected) {
-        lists.emplace_back(channel->interfaceAddress(), channel->filteredDevices());
+    for (const ChannelPtr& tracked : selected) {
+        lists.emplace_back(tracked->channel.interfaceAddress(), tracked->channel.filterList());
     }
     return lists;
 }
 
-std::set<Ipv4> NetworkDiscovery::channelAddresses() {
-    const std::lock_guard lock(mutex_);
-    std::set<Ipv4> addresses;
-    for (const auto& [address, channel] : channels_) {
-        addresses.insert(address);
-    }
-    return addresses;
-}
-
-std::uint32_t NetworkDiscovery::apply(const Settings& settings) {
-    Prepared prepared;
-    const std::uint32_t result = prepare(settings, prepared);
-    return result == KM_IO_OK ? commit(prepared) : result;
-}
-
 NetworkDiscovery::Prepared::~Prepared() {
     if (owner_ != nullptr) {
-        for (auto& [address, channel] : created_) {
-            owner_->discard(std::move(channel));
+        for (auto& [address, tracked] : created_) {
+            owner_->discard(std::move(tracked));
         }
     }
 }
 
-std::uint32_t NetworkDiscovery::prepare(const Settings& settings, Prepared& prepared) {
+void NetworkDiscovery::prepare(const Settings& settings, Prepared& prepared) {
     prepared.owner_ = this;
     prepared.settings_ = settings;
     if (settings.interfaces) {
-        // New channels come first: when one cannot be made, the call fails
-        // with every setting as it was.
-        try {
-            prepared.created_ = createMissing(*settings.interfaces);
-        } catch (const std::exception&) {
-            return KM_IO_ERR_BAD_OPTIONS;
-        }
+        // New channels come first: when one cannot be made, this throws with
+        // every setting as it was.
+        prepared.created_ = createMissing(*settings.interfaces);
     }
-    return KM_IO_OK;
 }
 
-std::uint32_t NetworkDiscovery::commit(Prepared& prepared) {
+void NetworkDiscovery::commit(Prepared& prepared) {
     const std::lock_guard lock(mutex_);
     const Settings& settings = prepared.settings_;
     if (settings.locatorFormat) {
         locatorFormat_ = *settings.locatorFormat;
-        for (auto& [address, channel] : channels_) {
-            channel->state().locatorFormat = locatorFormat_;
+        for (auto& [address, tracked] : channels_) {
+            tracked->state.locatorFormat = locatorFormat_;
         }
-        for (auto& [address, channel] : prepared.created_) {
-            channel->state().locatorFormat = locatorFormat_;
+        for (auto& [address, tracked] : prepared.created_) {
+            tracked->state.locatorFormat = locatorFormat_;
         }
     }
     if (settings.interfaces) {
@@ -265,36 +238,35 @@ std::uint32_t NetworkDiscovery::commit(Prepared& prepared) {
             }
         }
     }
-    for (auto& [address, channel] : prepared.created_) {
+    for (auto& [address, tracked] : prepared.created_) {
         if (channels_.contains(address)) {
             // An enumeration made one for this interface since prepare().
-            retireLocked(std::move(channel));
+            retireLocked(std::move(tracked));
             continue;
         }
         try {
             // Devices already there answer at once and raise their events.
-            channel->requestDiscovery();
+            tracked->channel.requestDiscovery();
         } catch (const kalometnd::KalometNDException&) {
             // The channel still hears devices announce themselves.
         }
-        channels_.emplace(address, std::move(channel));
+        channels_.emplace(address, std::move(tracked));
     }
     prepared.created_.clear();
-    return KM_IO_OK;
 }
 
-std::optional<PropertyRecord> NetworkDiscovery::updateDevices(const std::weak_ptr<DiscoverChannel>& weak,
+std::optional<PropertyRecord> NetworkDiscovery::updateDevices(const std::weak_ptr<TrackedChannel>& weak,
                                                               const kalometnd::DiscoverInfo& device,
                                                               bool present) {
     const std::lock_guard lock(mutex_);
-    const ChannelPtr channel = weak.lock();
+    const ChannelPtr tracked = weak.lock();
     // A channel that has been removed (or replaced by a new one on the same
     // interface) raises nothing any more. One that is still being put in
-    // place already keeps its table, so that nothing it hears is lost.
-    if (!channel || channel->state().retired) {
+    // place already keeps its list, so that nothing it hears is lost.
+    if (!tracked || tracked->state.retired) {
         return std::nullopt;
     }
-    std::vector<kalometnd::DiscoverInfo>& devices = channel->state().devices;
+    std::vector<kalometnd::DiscoverInfo>& devices = tracked->state.availableDevices;
     const auto known = std::find_if(
         devices.begin(), devices.end(),
         [&](const kalometnd::DiscoverInfo& entry) { return kalometnd::sameDevice(entry, device); });
@@ -307,35 +279,30 @@ std::optional<PropertyRecord> NetworkDiscovery::updateDevices(const std::weak_pt
     } else if (known != devices.end()) {
         devices.erase(known);
     }
-    return networkDeviceRecord(device, channel->interfaceAddress(), channel->state().locatorFormat);
+    return networkDeviceRecord(device, tracked->channel.interfaceAddress(), tracked->state.locatorFormat);
 }
 
 void NetworkDiscovery::raise(std::uint32_t type, const PropertyRecord& record) {
-    DiscoveryEventSink sink;
-    {
-        const std::lock_guard lock(mutex_);
-        sink = sink_;
-    }
-    if (sink) {
-        sink(type, record);
+    if (sink_) {
+        sink_(type, record);
     }
 }
 
-void NetworkDiscovery::onAdded(const std::weak_ptr<DiscoverChannel>& channel,
+void NetworkDiscovery::onAdded(const std::weak_ptr<TrackedChannel>& channel,
                                const kalometnd::DiscoverInfo& device) {
     if (const auto record = updateDevices(channel, device, true)) {
         raise(KM_IO_EVENT_DEVICE_AVAILABLE, *record);
     }
 }
 
-void NetworkDiscovery::onAvailabilityChanged(const std::weak_ptr<DiscoverChannel>& channel,
+void NetworkDiscovery::onAvailabilityChanged(const std::weak_ptr<TrackedChannel>& channel,
                                              const kalometnd::DiscoverInfo& device) {
     if (const auto record = updateDevices(channel, device, device.available)) {
         raise(device.available ? KM_IO_EVENT_DEVICE_AVAILABLE : KM_IO_EVENT_DEVICE_UNAVAILABLE, *record);
     }
 }
 
-void NetworkDiscovery::onRemoved(const std::weak_ptr<DiscoverChannel>& channel,
+void NetworkDiscovery::onRemoved(const std::weak_ptr<TrackedChannel>& channel,
                                  const kalometnd::DiscoverInfo& device) {
     if (const auto record = updateDevices(channel, device, false)) {
         raise(KM_IO_EVENT_DEVICE_UNAVAILABLE, *record);

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -11,12 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include "network/channel_reaper.h"
-#include "network/discover_channel.h"
 #include "discovery/connection.h"
 #include "discovery/host.h"
+#include "network/channel_reaper.h"
+#include "network/discover_channel.h"
 #include "options/locator.h"
 #include "options/property_record.h"
+#include "platform/clock.h"
 
 namespace kmio {
 
@@ -28,66 +31,69 @@ using DiscoveryEventSink = std::function<void(std::uint32_t type, const Property
 PropertyRecord networkDeviceRecord(const kalometnd::DiscoverInfo& device, Ipv4 interfaceAddress,
                                    LocatorFormat format);
 
-// The process-wide discovery cache: one DiscoverChannel per local interface
+// The discovery cache: one DiscoverChannel per local interface
 // address, guarded by one lock (the discovery lock). Enumeration, the
 // serial-number lookup of IoNetwork and the global discovery settings meet
-// here; the channels' filter callbacks keep each channel's device table and
-// raise discovery events.
+// here; the channels' filter callbacks keep each channel's list of available
+// devices and raise discovery events through the event sink. The library's
+// one instance, wired to the device table, is made by processDiscovery() in
+// the interface layer; tests make their own.
 //
 // Lock order: the discovery lock is never held while an event is raised (the
 // sink takes the table mutex), while a channel is stopped, or while a
 // discovery pass runs.
 class NetworkDiscovery {
-public:
-    static constexpr std::int64_t kFreshnessNs = 3'000'000'000;
+    struct TrackedChannel;
 
-    explicit NetworkDiscovery(kalometnd::ConnectionFactory makeConnection = kalometnd::createConnection);
+public:
+    // A channel whose last pass started less than this long ago is fresh.
+    static constexpr std::chrono::milliseconds kFreshness{3000};
+
+    // makeConnection opens each channel's sockets; clock times the passes;
+    // events go to sink (none when empty).
+    explicit NetworkDiscovery(kalometnd::ConnectionFactory makeConnection = kalometnd::createConnection,
+                              Clock clock = steadyClock(), DiscoveryEventSink sink = {});
     NetworkDiscovery(const NetworkDiscovery&) = delete;
     NetworkDiscovery& operator=(const NetworkDiscovery&) = delete;
     // Ends every channel.
     ~NetworkDiscovery();
 
-    // The cache behind the library's entry points.
-    static NetworkDiscovery& instance();
-
-    void setEventSink(DiscoveryEventSink sink);
-
     // Makes sure every interface has a channel and runs a discovery pass on
     // each whose last pass is 3 s old or more (every one when forced), all at
-    // once, and waits for them. KM_IO_ERR_BAD_OPTIONS for an empty set or
-    // when a channel cannot be set up; callers go on with what the cache holds.
-    std::uint32_t discover(const std::set<Ipv4>& interfaces, std::uint32_t timeoutMs, bool force,
-                           const std::string& serialNumber);
+    // once, and waits for them. False for an empty set, when a channel cannot
+    // be set up (nothing changed then) or a pass cannot start: a failed run is
+    // no error to the callers, who go on with what the cache holds.
+    bool discover(const std::set<Ipv4>& interfaces, std::uint32_t timeoutMs, bool force,
+                  const std::string& serialNumber);
 
     // The first available device with exactly this serial number, walking the
     // channels by address and each one's devices in order of appearance.
     std::optional<kalometnd::DiscoverInfo> lookup(const std::string& serialNumber);
 
-    // The filter's device list of each interface that has a channel, in
-    // address order.
-    std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> devicesOn(
+    // The filter's list of each interface that has a channel, in address
+    // order: every device heard there, unavailable ones included.
+    std::vector<std::pair<Ipv4, std::vector<kalometnd::DiscoverInfo>>> filterListsOn(
         const std::set<Ipv4>& interfaces);
 
     // The global settings: a new event locator format (also for the channels
     // that exist), and the set of interfaces on which discovery runs in the
-    // background. Absent values leave the setting as it is; "none" (an empty
-    // optional inside) ends every channel. KM_IO_ERR_BAD_OPTIONS when a
-    // channel cannot be created, and then nothing has changed.
+    // background. Absent values leave the setting as it is; an empty set ends
+    // every channel.
     struct Settings {
         std::optional<LocatorFormat> locatorFormat;
         // nullopt: leave the channels alone; a set: reconcile with it.
         std::optional<std::set<Ipv4>> interfaces;
     };
-    std::uint32_t apply(const Settings& settings);
 
-    // apply() in two steps, for callers that must hold a lock of their own
-    // while the settings take effect (KM_IO_SetGlobalOptions holds the table
-    // mutex) but must not hold it while channels start: starting one
+    // The settings put in force in two steps, because the caller
+    // (KM_IO_SetGlobalOptions) must hold the table mutex while they take
+    // effect but must not hold it while channels start: starting one
     // registers a listener with its host, whose thread takes the listener
     // mutex first and the table mutex after it to raise events. prepare()
-    // checks and starts the channels of new interfaces with no lock held;
-    // commit() puts everything in force. A prepared set that is not
-    // committed is discarded when destroyed.
+    // starts the channels of new interfaces with no lock held, and throws
+    // (the discovery exceptions, std::system_error) when one cannot be made,
+    // leaving everything as it was; commit() puts everything in force. A
+    // prepared set that is not committed is discarded when destroyed.
     class Prepared {
     public:
         Prepared() = default;
@@ -99,16 +105,40 @@ public:
         friend class NetworkDiscovery;
         NetworkDiscovery* owner_ = nullptr;
         Settings settings_;
-        std::map<Ipv4, std::shared_ptr<DiscoverChannel>> created_;
+        std::map<Ipv4, std::shared_ptr<TrackedChannel>> created_;
     };
-    std::uint32_t prepare(const Settings& settings, Prepared& prepared);
-    std::uint32_t commit(Prepared& prepared);
-
-    // The interfaces that have a channel now.
-    std::set<Ipv4> channelAddresses();
+    void prepare(const Settings& settings, Prepared& prepared);
+    void commit(Prepared& prepared);
 
 private:
-    using ChannelPtr = std::shared_ptr<DiscoverChannel>;
+    // What the cache keeps about one channel, read and written only under the
+    // discovery lock.
+    struct ChannelState {
+        // Devices that appeared on the interface and were not since reported
+        // unavailable or removed, in order of first appearance: the list
+        // serial-number lookups walk.
+        std::vector<kalometnd::DiscoverInfo> availableDevices;
+        // When the last discovery pass started; none before the first.
+        std::optional<std::chrono::steady_clock::time_point> lastPass;
+        // The form of "locator" in the records of this channel's events.
+        LocatorFormat locatorFormat = LocatorFormat::BySerialNumber;
+        // The pass running now or last run, so that a caller who finds the
+        // channel fresh can still wait for the answers of a pass in flight.
+        std::shared_future<void> pass;
+        // Set when the cache has dropped the channel (or never took it in):
+        // its callbacks then change nothing and raise no event.
+        bool retired = false;
+    };
+
+    // A channel and what the cache keeps about it, owned together.
+    struct TrackedChannel {
+        TrackedChannel(Ipv4 address, LocatorFormat format) : channel(address) {
+            state.locatorFormat = format;
+        }
+        DiscoverChannel channel;
+        ChannelState state;
+    };
+    using ChannelPtr = std::shared_ptr<TrackedChannel>;
 
     // Creates and starts a channel. The caller holds no lock (see Prepared)
     // and puts it in the table. Throws the discovery component's exceptions.
@@ -123,23 +153,25 @@ private:
     void retireLocked(ChannelPtr channel);
     void discard(ChannelPtr channel);
 
-    // The callbacks of one channel: update its device table under the lock,
-    // then raise the event outside it.
-    void onAdded(const std::weak_ptr<DiscoverChannel>& channel, const kalometnd::DiscoverInfo& device);
-    void onAvailabilityChanged(const std::weak_ptr<DiscoverChannel>& channel,
+    // The callbacks of one channel: update its list of available devices
+    // under the lock, then raise the event outside it.
+    void onAdded(const std::weak_ptr<TrackedChannel>& channel, const kalometnd::DiscoverInfo& device);
+    void onAvailabilityChanged(const std::weak_ptr<TrackedChannel>& channel,
                                const kalometnd::DiscoverInfo& device);
-    void onRemoved(const std::weak_ptr<DiscoverChannel>& channel, const kalometnd::DiscoverInfo& device);
-    // Runs update on the channel's table if the channel is still in the
-    // cache, and returns the event's record; nullopt when it is gone.
-    std::optional<PropertyRecord> updateDevices(const std::weak_ptr<DiscoverChannel>& weak,
+    void onRemoved(const std::weak_ptr<TrackedChannel>& channel, const kalometnd::DiscoverInfo& device);
+    // Updates the channel's list if the channel is still in the cache, and
+    // returns the event's record; nullopt when it is gone.
+    std::optional<PropertyRecord> updateDevices(const std::weak_ptr<TrackedChannel>& weak,
                                                 const kalometnd::DiscoverInfo& device, bool present);
     void raise(std::uint32_t type, const PropertyRecord& record);
 
     const kalometnd::ConnectionFactory makeConnection_;
+    const Clock clock_;
+    // Set once by the constructor, so reading it needs no lock.
+    const DiscoveryEventSink sink_;
     std::mutex mutex_;  // the discovery lock
     std::map<Ipv4, ChannelPtr> channels_;
     LocatorFormat locatorFormat_ = LocatorFormat::BySerialNumber;
-    DiscoveryEventSink sink_;
     // Declared last so that it is destroyed first, stopping what it holds
     // while the rest of the cache is still there.
     ChannelReaper reaper_;

@@ -7,10 +7,10 @@
 #include <utility>
 #include <vector>
 
-#include "network/network_discovery.h"
 #include "discovery/adapters.h"
 #include "discovery/exceptions.h"
 #include "kmio/kmio.h"
+#include "network/network_discovery.h"
 #include "options/options_error.h"
 
 namespace kmio {
@@ -65,7 +65,8 @@ std::set<Ipv4> discoveryInterfaces(const std::vector<std::string>& entries) {
 
 }  // namespace
 
-std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, RecordList& records) {
+std::uint32_t enumerateNetworkDevices(NetworkDiscovery& cache, const NetworkEnumerationOptions& options,
+                                      RecordList& records) {
     const std::optional<std::set<Ipv4>> interfaces = parseInterfaceSelectors(options.iface, localAddresses);
     if (!interfaces) {
         return KM_IO_ERR_BAD_OPTIONS;
@@ -74,10 +75,9 @@ std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, 
     if (interfaces->empty()) {
         return KM_IO_OK;
     }
-    NetworkDiscovery& cache = NetworkDiscovery::instance();
     // A failed run still leaves what earlier runs found.
     (void)cache.discover(*interfaces, options.discoveryTimeout, options.forceRescan, "");
-    for (const auto& [interfaceAddress, devices] : cache.devicesOn(*interfaces)) {
+    for (const auto& [interfaceAddress, devices] : cache.filterListsOn(*interfaces)) {
         for (const kalometnd::DiscoverInfo& device : devices) {
             if (passesFilters(options, device)) {
                 records.push_back(networkDeviceRecord(device, interfaceAddress, format));
@@ -87,40 +87,27 @@ std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, 
     return KM_IO_OK;
 }
 
-std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options, const LockedStep& underLock) {
+NetworkDiscovery::Settings discoverySettings(const GlobalOptions& options) {
     NetworkDiscovery::Settings settings;
-    try {
-        // Everything is checked before anything changes.
-        if (options.locatorFormatNetwork) {
-            settings.locatorFormat = parseLocatorFormat(*options.locatorFormatNetwork);
-        }
-        if (options.discoveryIface) {
-            settings.interfaces = discoveryInterfaces(*options.discoveryIface);
-        }
-    } catch (const OptionsError&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const kalometnd::KalometNDException&) {
-        // "all" with an unreadable interface list.
-        return KM_IO_ERR_BAD_OPTIONS;
+    if (options.locatorFormatNetwork) {
+        settings.locatorFormat = parseLocatorFormat(*options.locatorFormatNetwork);
     }
-    NetworkDiscovery& cache = NetworkDiscovery::instance();
-    NetworkDiscovery::Prepared prepared;
-    if (const std::uint32_t result = cache.prepare(settings, prepared); result != KM_IO_OK) {
-        return result;
+    if (options.discoveryIface) {
+        settings.interfaces = discoveryInterfaces(*options.discoveryIface);
     }
-    const auto commit = [&] { return cache.commit(prepared); };
-    return underLock ? underLock(commit) : commit();
+    return settings;
 }
 
-std::uint32_t resolveNetworkSerialNumber(const std::string& serialNumber, const NetworkOpenOptions& options,
-                                         DiscoveredAddress& found) {
-    NetworkDiscovery& cache = NetworkDiscovery::instance();
+std::uint32_t resolveNetworkSerialNumber(NetworkDiscovery& cache, const std::string& serialNumber,
+                                         const NetworkOpenOptions& options, DiscoveredAddress& found) {
     std::optional<kalometnd::DiscoverInfo> device = cache.lookup(serialNumber);
     if (!device) {
         std::optional<std::set<Ipv4>> interfaces;
         try {
             interfaces = parseInterfaceSelectors(options.iface, localAddresses);
         } catch (const kalometnd::KalometNDException&) {
+            // "network:all" with an unreadable interface list: the open
+            // contract (a code from the resolver) calls this a bad option.
             return KM_IO_ERR_BAD_OPTIONS;
         }
         if (!interfaces) {

@@ -1,40 +1,44 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string>
 
+#include "network/network_discovery.h"
 #include "options/locator.h"
 #include "options/option_sets.h"
 #include "options/property_record.h"
 
 namespace kmio {
 
-// The network link's enumeration, over the process-wide discovery cache.
+// The network link's enumeration and the uses of the discovery cache by the
+// layers above it. The cache is the caller's (the library's one instance, or
+// a test's own).
 
 // Devices discovered on the "iface" interfaces, filtered by the find- options.
-std::uint32_t enumerateNetworkDevices(const NetworkEnumerationOptions& options, RecordList& records);
+// KM_IO_ERR_BAD_OPTIONS for an "iface" entry that names no interface. A
+// discovery run that fails is no error: the records are what the cache holds.
+// Throws the discovery exceptions when "network:all" cannot read the machine's
+// interfaces.
+std::uint32_t enumerateNetworkDevices(NetworkDiscovery& cache, const NetworkEnumerationOptions& options,
+                                      RecordList& records);
 
 // Records ("iface-type", "network-host", "network-subnet-mask", "name") of the
-// machine's IPv4 interfaces; KM_IO_ERR_ENUMERATION_FAILED when unreadable.
+// machine's IPv4 interfaces. Throws the discovery exceptions when the list
+// cannot be read.
 std::uint32_t enumerateNetworkInterfaces(RecordList& records);
 
-// Runs a step while the caller's own lock is held (KM_IO_SetGlobalOptions:
-// the table mutex) and returns its result.
-using LockedStep = std::function<std::uint32_t(const std::function<std::uint32_t()>& step)>;
-
-// KM_IO_SetGlobalOptions: locator format of events and background discovery
-// interfaces. Checks everything and starts the channels of new interfaces
-// first, with no lock held, then puts the settings in force through
-// underLock (directly when it is empty). KM_IO_ERR_BAD_OPTIONS leaves every
-// setting as it was.
-std::uint32_t applyGlobalDiscoveryOptions(const GlobalOptions& options, const LockedStep& underLock = {});
+// The discovery settings that the global options ask for ("discovery-iface",
+// "locator-format-network"), checked in full before anything changes. Throws
+// OptionsError for a value that names no interface or format, and the
+// discovery exceptions when "network:all" cannot read the interface list.
+NetworkDiscovery::Settings discoverySettings(const GlobalOptions& options);
 
 // Finds a network device by serial number for IoNetwork: first in the
 // discovery cache, then by a forced discovery on the "iface" interfaces.
 // KM_IO_OK with found filled; KM_IO_ERR_BAD_OPTIONS for an unparsable "iface"
-// list; KM_IO_ERR_NOT_FOUND for an empty interface set or no such device.
-std::uint32_t resolveNetworkSerialNumber(const std::string& serialNumber, const NetworkOpenOptions& options,
-                                         DiscoveredAddress& found);
+// list (also when "network:all" cannot read the interfaces); KM_IO_ERR_NOT_FOUND
+// for an empty interface set or no such device.
+std::uint32_t resolveNetworkSerialNumber(NetworkDiscovery& cache, const std::string& serialNumber,
+                                         const NetworkOpenOptions& options, DiscoveredAddress& found);
 
 }  // namespace kmio

@@ -1,20 +1,13 @@
 #include "network/network_interface_enumeration.h"
 
-#include "network/network_enumeration.h"
-#include "discovery/exceptions.h"
 #include "kmio/kmio.h"
+#include "network/network_enumeration.h"
 #include "options/locator.h"
 
 namespace kmio {
 
 std::uint32_t enumerateNetworkInterfaces(RecordList& records, const AdapterSource& adapters) {
-    std::vector<kalometnd::AdapterInfo> found;
-    try {
-        found = adapters();
-    } catch (const kalometnd::KalometNDException&) {
-        return KM_IO_ERR_ENUMERATION_FAILED;
-    }
-    for (const kalometnd::AdapterInfo& adapter : found) {
+    for (const kalometnd::AdapterInfo& adapter : adapters()) {
         PropertyRecord record;
         record.set("iface-type", "network");
         record.set("network-host", formatIpv4(adapter.address));

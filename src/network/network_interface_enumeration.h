@@ -15,8 +15,9 @@ using AdapterSource = std::function<std::vector<kalometnd::AdapterInfo>()>;
 
 // One record per adapter, keys in order "iface-type" ("network"),
 // "network-host", "network-subnet-mask", "name" (the friendly name). Returns
-// KM_IO_OK (an empty list included) or KM_IO_ERR_ENUMERATION_FAILED, adding
-// no record, when the source throws a discovery exception.
+// KM_IO_OK (an empty list included); what the source throws passes on, with
+// no record added (the enumeration entry point makes it
+// KM_IO_ERR_ENUMERATION_FAILED).
 std::uint32_t enumerateNetworkInterfaces(RecordList& records, const AdapterSource& adapters);
 
 }  // namespace kmio

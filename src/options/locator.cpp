@@ -102,11 +102,6 @@ std::optional<Ipv4> parseIpv4(std::string_view text) {
     return address;
 }
 
-std::string formatIpv4(Ipv4 address) {
-    return std::to_string((address >> 24) & 0xFF) + "." + std::to_string((address >> 16) & 0xFF) + "." +
-           std::to_string((address >> 8) & 0xFF) + "." + std::to_string(address & 0xFF);
-}
-
 std::optional<std::set<Ipv4>> parseInterfaceSelectors(const std::vector<std::string>& entries,
                                                       const LocalAddressSource& localAddresses) {
     std::set<Ipv4> addresses;

@@ -9,11 +9,9 @@
 #include <vector>
 
 #include "options/option_sets.h"
+#include "platform/ipv4.h"
 
 namespace kmio {
-
-// IPv4 addresses are held as 32-bit numbers in host order: 10.0.0.5 is 0x0A000005.
-using Ipv4 = std::uint32_t;
 
 // Splits a locator at ':' and drops empty tokens.
 std::vector<std::string> tokenizeLocator(std::string_view locator);
@@ -27,7 +25,7 @@ std::uint32_t parseSerialLocator(std::string_view locator, std::string& portName
 
 // Dotted-quad text (four decimal parts) to an address; nullopt when malformed.
 std::optional<Ipv4> parseIpv4(std::string_view text);
-std::string formatIpv4(Ipv4 address);
+// formatIpv4, the other direction, is in platform/ipv4.h.
 
 // The addresses of the machine's IPv4 interfaces, for "network:all".
 using LocalAddressSource = std::function<std::vector<Ipv4>()>;
@@ -60,9 +58,8 @@ struct DiscoveredAddress {
 // Finds a network device by serial number for IoNetwork: first the discovery
 // cache, then a forced discovery on the "iface" interfaces. Returns KM_IO_OK,
 // KM_IO_ERR_NOT_FOUND or KM_IO_ERR_BAD_OPTIONS (unparsable "iface").
-using SerialNumberResolver =
-    std::function<std::uint32_t(const std::string& serialNumber, const NetworkOpenOptions& options,
-                                DiscoveredAddress& found)>;
+using SerialNumberResolver = std::function<std::uint32_t(
+    const std::string& serialNumber, const NetworkOpenOptions& options, DiscoveredAddress& found)>;
 
 struct NetworkTarget {
     std::string host;

@@ -125,8 +125,11 @@ bool toBoolean(std::string_view value) {
 }
 
 std::string rawOptionValue(std::string_view text, std::string_view key) {
-    // A plain substring search on purpose: the readers that use it have always
-    // matched a key wherever it stands, also inside a longer key.
+    // A plain substring search on purpose: IoNetwork reads "connect-timeout"
+    // with it, and an option string such as "my-connect-timeout 300" sets a
+    // 300 ms timeout that applications may count on. The test
+    // IoNetwork.ConnectTimeoutIsReadFromTheRawOptionText holds that in place;
+    // matching whole keys only would change what those strings do.
     const std::size_t at = text.find(key);
     if (at == std::string_view::npos) {
         return {};
@@ -227,7 +230,10 @@ void OptionReader::checkStrict() const {
         }
     }
     // A bad "strict" literal is deliberately not turned into a conversion
-    // error: the caller sees the invalid-argument error itself.
+    // error: it leaves as std::invalid_argument("Invalid boolean literal"),
+    // the standard conversion's own error, as OptionSets tests pin. Every
+    // boundary still answers it with KM_IO_ERR_BAD_OPTIONS, like an
+    // OptionsError (link/result_translation.h).
     if (strict == nullptr || !toBoolean(*strict)) {
         return;
     }

@@ -10,7 +10,4 @@ std::string systemErrorText(int error);
 // The operating system's message for the calling thread's last error.
 std::string lastSystemErrorText();
 
-// The calling thread's last error number.
-int lastSystemError();
-
 }  // namespace kmio

@@ -7,8 +7,6 @@ namespace kmio {
 
 std::string systemErrorText(int error) { return std::system_category().message(error); }
 
-int lastSystemError() { return errno; }
-
 std::string lastSystemErrorText() { return systemErrorText(errno); }
 
 }  // namespace kmio

@@ -1,45 +1,40 @@
 #include "serial/io_serial.h"
 
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
+#include "link/result_translation.h"
 #include "options/locator.h"
-#include "options/options_error.h"
 
 namespace kmio {
 
 IoSerial::~IoSerial() = default;
 
 std::uint32_t IoSerial::open(std::shared_ptr<IoDevice> self) {
+    return resultOf(OperationKind::Open, [&] { return openAndStart(std::move(self)); });
+}
+
+std::uint32_t IoSerial::openAndStart(std::shared_ptr<IoDevice> self) {
+    // The locator comes first on this link: a bad locator gives
+    // KM_IO_ERR_BAD_LOCATOR even when the options are bad too.
     std::string portName;
     if (parseSerialLocator(locator(), portName) != KM_IO_OK) {
         return KM_IO_ERR_BAD_LOCATOR;
     }
-    SerialOpenOptions options;
-    try {
-        options = SerialOpenOptions::parse(this->options());
-    } catch (const OptionsError&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::invalid_argument&) {  // a "strict" value that is not a boolean
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::out_of_range&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    }
+    const SerialOpenOptions options = SerialOpenOptions::parse(this->options());
     // There is no sensible default rate for an arbitrary port, so it must be given.
     if (options.baudrate == 0) {
         return KM_IO_ERR_BAD_OPTIONS;
     }
+    stop_.emplace();
+    if (const std::uint32_t result = openPort(portName, options); result != KM_IO_OK) {
+        return result;
+    }
     try {
-        stop_.emplace();
-        if (const std::uint32_t result = openPort(portName, options); result != KM_IO_OK) {
-            return result;
-        }
         receiver_.start(std::move(self), [this] { receiveLoop(); });
-    } catch (const std::exception&) {
-        // No stop event, or no thread: the port must not stay held.
+    } catch (...) {
+        // No thread: the port must not stay held.
         releasePort();
-        return KM_IO_ERR_OPEN_FAILED;
+        throw;
     }
     return KM_IO_OK;
 }

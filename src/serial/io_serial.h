@@ -33,6 +33,9 @@ public:
     std::uint32_t getProperty(const char* key, char* value, std::size_t* ioSize) override;
 
 private:
+    // open() without the translation of exceptions into result codes.
+    std::uint32_t openAndStart(std::shared_ptr<IoDevice> self);
+
     // Opens, locks and configures the port; KM_IO_OK or KM_IO_ERR_OPEN_FAILED.
     // On failure nothing stays open.
     std::uint32_t openPort(const std::string& portName, const SerialOpenOptions& options);

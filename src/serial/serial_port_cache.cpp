@@ -3,26 +3,24 @@
 #include <utility>
 
 #include "kmio/kmio.h"
-#include "platform/steady_clock.h"
 
 namespace kmio {
 
-SerialPortCache::SerialPortCache(std::shared_ptr<const SerialPortScanner> scanner)
-    : scanner_(std::move(scanner)) {}
+SerialPortCache::SerialPortCache(std::shared_ptr<const SerialPortScanner> scanner, Clock clock)
+    : scanner_(std::move(scanner)), clock_(std::move(clock)) {}
 
 std::uint32_t SerialPortCache::refresh(bool force) {
-    const std::int64_t now = steadyNowNs();
+    const auto now = clock_();
     if (!force) {
         std::lock_guard lock(mutex_);
-        if (filled_ && now - scannedAtNs_ < kFreshnessNs) {
+        if (scannedAt_ && now - *scannedAt_ < kFreshness) {
             return KM_IO_OK;
         }
     }
     std::vector<SerialPortEntry> scanned = scanner_->scan();
     std::lock_guard lock(mutex_);
     ports_ = std::move(scanned);
-    filled_ = true;
-    scannedAtNs_ = now;
+    scannedAt_ = now;
     return KM_IO_OK;
 }
 

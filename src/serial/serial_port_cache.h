@@ -1,10 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
+#include "platform/clock.h"
 #include "serial/serial_port_scanner.h"
 
 namespace kmio {
@@ -15,9 +18,10 @@ namespace kmio {
 // the scan itself, which opens every port, runs outside it.
 class SerialPortCache {
 public:
-    static constexpr std::int64_t kFreshnessNs = 3'000'000'000;
+    // A list scanned less than this long ago is fresh.
+    static constexpr std::chrono::milliseconds kFreshness{3000};
 
-    explicit SerialPortCache(std::shared_ptr<const SerialPortScanner> scanner);
+    explicit SerialPortCache(std::shared_ptr<const SerialPortScanner> scanner, Clock clock = steadyClock());
     SerialPortCache(const SerialPortCache&) = delete;
     SerialPortCache& operator=(const SerialPortCache&) = delete;
 
@@ -35,10 +39,11 @@ public:
 
 private:
     std::shared_ptr<const SerialPortScanner> scanner_;
+    const Clock clock_;
     mutable std::mutex mutex_;
     std::vector<SerialPortEntry> ports_;
-    bool filled_ = false;
-    std::int64_t scannedAtNs_ = 0;
+    // When the list in ports_ was scanned; none before the first refresh.
+    std::optional<std::chrono::steady_clock::time_point> scannedAt_;
 };
 
 }  // namespace kmio

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "link/result_translation.h"
 #include "options/locator.h"
 #include "options/option_list.h"
 #include "options/options_error.h"
@@ -127,7 +128,7 @@ IoFtdi::IoFtdi(std::string locator, std::string options, void* userContext, KM_I
 IoFtdi::~IoFtdi() = default;
 
 std::uint32_t IoFtdi::open(std::shared_ptr<IoDevice> self) {
-    try {
+    const std::uint32_t result = resultOf(OperationKind::Open, [&]() -> std::uint32_t {
         if (!cache_.binding().load()) {
             return KM_IO_ERR_DRIVER_UNAVAILABLE;
         }
@@ -171,16 +172,12 @@ std::uint32_t IoFtdi::open(std::shared_ptr<IoDevice> self) {
         }
         receiver_.start(std::move(self), [this] { receiveLoop(); });
         return KM_IO_OK;
-    } catch (const OptionsError&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::invalid_argument&) {  // a "strict" value that is not a boolean
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (const std::out_of_range&) {
-        return KM_IO_ERR_BAD_OPTIONS;
-    } catch (...) {
+    });
+    // Whatever failed after the chip was opened, the chip does not stay open.
+    if (result != KM_IO_OK) {
         chip_.reset();
-        return KM_IO_ERR_OPEN_FAILED;
     }
+    return result;
 }
 
 std::uint32_t IoFtdi::findAndOpen(const UsbOpenOptions& options) {

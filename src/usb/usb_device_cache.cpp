@@ -19,8 +19,7 @@ bool passes(const std::vector<T>& allowed, const V& value) {
 
 }  // namespace
 
-UsbDeviceCache::UsbDeviceCache(D2xxBinding& binding, SteadyTimeSource now)
-    : binding_(binding), now_(std::move(now)) {}
+UsbDeviceCache::UsbDeviceCache(D2xxBinding& binding, Clock now) : binding_(binding), now_(std::move(now)) {}
 
 std::uint32_t UsbDeviceCache::scan(bool force) {
     const auto now = now_();

@@ -3,21 +3,17 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/clock.h"
 #include "usb/usb_device_entry.h"
 
 namespace kmio {
 
 class D2xxBinding;
-
-// The time source of the cache: steady time, replaceable by tests that move
-// it by hand.
-using SteadyTimeSource = std::function<std::chrono::steady_clock::time_point()>;
 
 // Which devices an enumeration keeps. Empty lists keep everything.
 struct UsbDeviceFilter {
@@ -42,7 +38,7 @@ class UsbDeviceCache {
 public:
     static constexpr std::chrono::milliseconds kFreshness{1500};
 
-    explicit UsbDeviceCache(D2xxBinding& binding, SteadyTimeSource now = &std::chrono::steady_clock::now);
+    explicit UsbDeviceCache(D2xxBinding& binding, Clock now = steadyClock());
     UsbDeviceCache(const UsbDeviceCache&) = delete;
     UsbDeviceCache& operator=(const UsbDeviceCache&) = delete;
 
@@ -72,7 +68,7 @@ public:
 
 private:
     D2xxBinding& binding_;
-    SteadyTimeSource now_;
+    Clock now_;
     std::mutex mutex_;
     std::optional<std::chrono::steady_clock::time_point> lastScan_;
     std::vector<UsbDeviceEntry> entries_;

@@ -98,7 +98,7 @@ TEST(KmioCli, FailuresNameTheResultCode) {
 // the tool must say so once and end instead of flooding stderr.
 TEST(KmioCli, PeerCloseIsReportedOnceAndEndsTheBridge) {
     std::uint16_t port = 0;
-    kmio::UniqueFd listener = kmio::test::loopbackSocket(1, port);
+    kmio::UniqueFd listener = kmiotest::loopbackSocket(1, port);
     const std::string locator = "network:127.0.0.1:" + std::to_string(port);
     ChildProcess child(kmio({"open", locator}));
     kmio::UniqueFd peer(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));

@@ -11,20 +11,20 @@ namespace kalometnd {
 namespace {
 
 using namespace std::chrono_literals;
-using ndtest::Bytes;
-using ndtest::kLoopback;
-using ndtest::thrown;
+using kmiotest::Bytes;
+using kmiotest::kLoopback;
+using kmiotest::thrown;
 
 // A datagram that no other test sends, so a receiver can tell it from stray traffic.
 Bytes marker(std::uint8_t tag) {
-    ndtest::TokenBytes token{};
+    kmiotest::TokenBytes token{};
     token.fill(tag);
     token[0] = 0x5A;
-    return ndtest::handDatagram(0x21, 1, 0, "conn-test", token, {});
+    return kmiotest::handDatagram(0x21, 1, 0, "conn-test", token, {});
 }
 
-std::function<bool(const ndtest::Datagram&)> is(const Bytes& expected) {
-    return [expected](const ndtest::Datagram& d) { return d.bytes == expected; };
+std::function<bool(const kmiotest::Datagram&)> is(const Bytes& expected) {
+    return [expected](const kmiotest::Datagram& d) { return d.bytes == expected; };
 }
 
 // One receive call's results.
@@ -35,7 +35,7 @@ struct Received {
     bool from(Connection& c, int timeoutMs) { return c.receive(data, id, source, timeoutMs); }
     // Receives until `expected` arrives or 10 s pass.
     bool awaited(Connection& c, const Bytes& expected) {
-        return ndtest::eventually([&] { return from(c, 100) && data == expected; });
+        return kmiotest::eventually([&] { return from(c, 100) && data == expected; });
     }
 };
 
@@ -80,8 +80,8 @@ TEST(Connection, CloseWakesABlockedReceiveAtOnce) {
 }
 
 TEST(Connection, SendsDirectedBroadcastAndMulticastPerChannel) {
-    ndtest::UdpSocket broadcastListener(ndtest::kLoopbackBroadcast, 65111);
-    ndtest::UdpSocket groupListener(ndtest::kGroup, 65110);
+    kmiotest::UdpSocket broadcastListener(kmiotest::kLoopbackBroadcast, 65111);
+    kmiotest::UdpSocket groupListener(kmiotest::kGroup, 65110);
     auto c = createConnection({kLoopback});
 
     c->send(1, marker(3));
@@ -97,10 +97,10 @@ TEST(Connection, SendsDirectedBroadcastAndMulticastPerChannel) {
 
 TEST(Connection, ReceivesOnTheChannelTheDatagramCameOver) {
     auto c = createConnection({kLoopback});
-    ndtest::UdpSocket device(kLoopback, 0);
+    kmiotest::UdpSocket device(kLoopback, 0);
     // A unicast reply to the port (what a device sends back) arrives on the broadcast channel.
     const std::tuple<std::uint32_t, std::uint16_t, unsigned> routes[] = {
-        {ndtest::kLoopbackBroadcast, 65111, 1}, {ndtest::kGroup, 65110, 2}, {kLoopback, 65111, 1}};
+        {kmiotest::kLoopbackBroadcast, 65111, 1}, {kmiotest::kGroup, 65110, 2}, {kLoopback, 65111, 1}};
     std::uint8_t tag = 6;
     for (const auto& [address, port, id] : routes) {
         Received r;
@@ -113,9 +113,9 @@ TEST(Connection, ReceivesOnTheChannelTheDatagramCameOver) {
 
 TEST(Connection, DatagramLargerThanTheBufferFails) {
     auto c = createConnection({kLoopback});
-    ndtest::UdpSocket(kLoopback, 0).sendTo(kLoopback, 65111, Bytes(1500, 0xEE));
+    kmiotest::UdpSocket(kLoopback, 0).sendTo(kLoopback, 65111, Bytes(1500, 0xEE));
     std::string error;
-    EXPECT_TRUE(ndtest::eventually([&] {
+    EXPECT_TRUE(kmiotest::eventually([&] {
         error = thrown<NetworkException>([&] { Received{}.from(*c, 100); });
         return error != "no exception";
     }));

@@ -51,7 +51,7 @@ protected:
 
     std::shared_ptr<Host> host = std::make_shared<Host>();
     DeviceFilter* filter = nullptr;
-    ndtest::Collected<std::string> events;
+    kmiotest::Collected<std::string> events;
 };
 
 TEST_F(FilterTest, AnyCriteriaAcceptEveryRecordAndOthersFilter) {
@@ -118,8 +118,8 @@ TEST_F(FilterTest, PassesAgeOutDevicesNotHeardSinceTheRequest) {
 }
 
 TEST_F(FilterTest, LoopbackPassesKeepAnsweringDevicesAndADestroyedFilterNoLongerListens) {
-    host->start({ndtest::kLoopback});
-    ndtest::Responder responder("pass-device");
+    host->start({kmiotest::kLoopback});
+    kmiotest::Responder responder("pass-device");
     auto f = make({});
     f->discover(300, "");
     EXPECT_EQ(std::ranges::count(serials(*f), "pass-device"), 1);
@@ -137,8 +137,8 @@ TEST_F(FilterTest, LoopbackPassesKeepAnsweringDevicesAndADestroyedFilterNoLonger
         *heard = *heard || r.serialNumber == "gone";
         return true;
     });
-    responder.sendToHost(ndtest::handDatagram(0xA2, 1, 7, "gone", {}, {1, 1, 0, 0, 0, 0}));
-    ASSERT_TRUE(ndtest::eventually([&] { return heard->load(); }));
+    responder.sendToHost(kmiotest::handDatagram(0xA2, 1, 7, "gone", {}, {1, 1, 0, 0, 0, 0}));
+    ASSERT_TRUE(kmiotest::eventually([&] { return heard->load(); }));
     EXPECT_TRUE(std::ranges::none_of(events.take(), [](auto& l) { return l.starts_with("added gone"); }));
 }
 

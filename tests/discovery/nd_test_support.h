@@ -28,7 +28,7 @@
 #include "platform/unique_fd.h"
 #include "support/checks.h"
 
-namespace ndtest {
+namespace kmiotest {
 
 using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
@@ -37,9 +37,6 @@ using TokenBytes = std::array<std::uint8_t, 16>;
 constexpr std::uint32_t kLoopback = 0x7F000001;           // 127.0.0.1
 constexpr std::uint32_t kLoopbackBroadcast = 0x7FFFFFFF;  // 127.255.255.255
 constexpr std::uint32_t kGroup = 0xEF010115;              // 239.1.1.21
-
-using kmiotest::eventually;
-using kmiotest::thrown;
 
 // A datagram header written byte by byte from the layout table.
 inline Bytes handHeader(std::uint16_t total, std::uint8_t opcode, std::uint32_t version,
@@ -245,4 +242,4 @@ private:
     unsigned previousMask_;
 };
 
-}  // namespace ndtest
+}  // namespace kmiotest

@@ -10,9 +10,9 @@
 namespace kalometnd {
 namespace {
 
-using ndtest::Bytes;
-using ndtest::handDatagram;
-using ndtest::handHeader;
+using kmiotest::Bytes;
+using kmiotest::handDatagram;
+using kmiotest::handHeader;
 
 const Token kToken = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0x4D, 0xEF,
                       0x80, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77};
@@ -132,20 +132,24 @@ TEST(PacketDecode, EveryMalformedHeaderIsInvalid) {
     }
 }
 
-TEST(PacketReaders, OpcodesAndBounds) {
+TEST(PacketReaders, ConfigurationNeedsThirteenBytesOfAConfigurationOpcode) {
     DeviceConfig config;
     for (OpCode op : {OpCode::GetConfiguration, OpCode::SetConfiguration, OpCode::Configuration}) {
         EXPECT_TRUE(readConfiguration(withPayload(op, Bytes(13, 0)), config));
         EXPECT_FALSE(readConfiguration(withPayload(op, Bytes(12, 0)), config));
     }
     EXPECT_FALSE(readConfiguration(withPayload(OpCode::Result, Bytes(13, 0)), config));
+}
 
+TEST(PacketReaders, ResultCodeNeedsTwoBytesOfAResultAndMapsUnknownValuesToOther) {
     ResultCode code{};
     EXPECT_TRUE(readResultCode(withPayload(OpCode::Result, {0xFF, 0x7F, 0, 0}), code));
     EXPECT_EQ(code, ResultCode::Other);
     EXPECT_FALSE(readResultCode(withPayload(OpCode::Result, {0x01}), code));
     EXPECT_FALSE(readResultCode(withPayload(OpCode::Configuration, {0, 0}), code));
+}
 
+TEST(PacketReaders, DeviceInfoIsATextOfAtMost63BytesEndedByItsNul) {
     std::string info;
     Bytes longText(66, 'x');
     longText[0] = 64;
@@ -158,13 +162,19 @@ TEST(PacketReaders, OpcodesAndBounds) {
     longText[0] = 63;
     EXPECT_TRUE(readDeviceInfo(withPayload(OpCode::SetDeviceInfo, longText), info));
     EXPECT_EQ(info, std::string(63, 'x'));
+}
 
+TEST(PacketReaders, DiscoverPayloadNeedsSixBytesOfAReplyOrInform) {
     DiscoverPayload out;
     EXPECT_FALSE(readDiscoverPayload(withPayload(OpCode::DiscoverInform, {1, 1, 2, 0, 0}), out));
     EXPECT_FALSE(readDiscoverPayload(withPayload(OpCode::DiscoverRequest, {1, 1, 2, 0, 0, 0}), out));
     ASSERT_TRUE(readDiscoverPayload(withPayload(OpCode::DiscoverInform, {9, 0, 0x10, 0x27, 0, 0}), out));
     EXPECT_EQ(out, (DiscoverPayload{9, false, 10000, ""}));
+}
+
+TEST(PacketReaders, DiscoverPayloadWithABadTextStillDeliversItsFixedFields) {
     // Length 64 and a missing NUL are malformed, but the fixed fields still arrive.
+    DiscoverPayload out;
     Bytes tooLong(70, 'x');
     std::copy_n(Bytes{3, 1, 0x34, 0x12, 64}.begin(), 5, tooLong.begin());
     out.info = "stale";

@@ -31,6 +31,37 @@ TEST(ApiTest, VersionAndLocatorClassification) {
     EXPECT_EQ(handle, 0u);
 }
 
+TEST(ApiTest, ANullEventRecordIsTheWrongEventTypeAndNothingIsWritten) {
+    uint32_t code = 77;
+    char buffer[8] = "keep";
+    size_t size = sizeof buffer;
+    EXPECT_EQ(KM_IO_GetErrorEventData(nullptr, &code, buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
+    EXPECT_EQ(KM_IO_GetDiscoveryEventData(nullptr, "include-all", buffer, &size), KM_IO_ERR_WRONG_EVENT_TYPE);
+    EXPECT_EQ(code, 77u);
+    EXPECT_EQ(size, sizeof buffer);
+    EXPECT_STREQ(buffer, "keep");
+}
+
+// The pointers the header lets the caller leave null.
+TEST(ApiTest, NullTextArgumentsGiveTheirDocumentedResults) {
+    uint32_t type = 99;
+    EXPECT_EQ(KM_IO_GetLocatorInterfaceType(&type, nullptr), KM_IO_ERR_BAD_LOCATOR);
+    EXPECT_EQ(type, 0u);
+    uint32_t handle = 77;
+    EXPECT_EQ(KM_IO_Open(&handle, nullptr, nullptr, nullptr, nullptr, nullptr), KM_IO_ERR_BAD_LOCATOR);
+    EXPECT_EQ(handle, 0u);
+    size_t size = 0;
+    EXPECT_EQ(KM_IO_GetProperty(63, nullptr, nullptr, &size), KM_IO_ERR_INVALID_HANDLE);
+    // A null option string is "": the settings stay as they are.
+    EXPECT_EQ(KM_IO_SetGlobalOptions(nullptr), KM_IO_OK);
+    // A null buffer with capacity 0 asks for the size.
+    size = 0;
+    EXPECT_EQ(KM_IO_EnumerateInterfaces("iface-type serial\ninclude-iface-type", nullptr, &size),
+              KM_IO_ERR_BUFFER_TOO_SMALL);
+    EXPECT_GE(size, 1u);
+    EXPECT_EQ(KM_IO_SetEventCallback(nullptr, nullptr), KM_IO_OK);
+}
+
 TEST(ApiTest, BadHandlesGiveInvalidHandle) {
     char value[8];
     for (uint32_t handle : {64u, 0xFFFFFFFFu, 63u}) {

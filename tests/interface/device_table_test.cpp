@@ -12,12 +12,14 @@
 #include "support/checks.h"
 #include "test_device.h"
 
-namespace kmio::test {
+namespace kmio {
 namespace {
 
 using namespace std::chrono_literals;
 
+using kmiotest::DeviceCounters;
 using kmiotest::eventually;
+using kmiotest::TestDevice;
 
 // The application side: the context is a function run inside the receive callback.
 using OnBytes = std::function<void()>;
@@ -210,4 +212,4 @@ TEST_F(DeviceTableTest, EventsReachOnlyTheRegisteredCallbackAndReentryThrows) {
 }
 
 }  // namespace
-}  // namespace kmio::test
+}  // namespace kmio

@@ -48,7 +48,7 @@ TEST(EventDataTest, ErrorDataFollowsTheBufferConventionToTheByte) {
     EXPECT_EQ(buffer, error.message + '\0');
 }
 
-TEST(EventDataTest, DiscoveryDataOptions) {
+TEST(EventDataTest, DiscoveryDataTakesOnlyLocatorAndIncludeKeysAndIgnoresTheRest) {
     const KM_IO_Event event = makeEvent(KM_IO_EVENT_DEVICE_UNAVAILABLE);
     const std::pair<const char*, std::string> cases[] = {
         {"", ""},

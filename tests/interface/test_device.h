@@ -15,7 +15,7 @@
 #include "link/receiver_thread.h"
 #include "platform/wake_event.h"
 
-namespace kmio::test {
+namespace kmiotest {
 
 struct DeviceCounters {
     std::atomic<int> alive{0};
@@ -23,16 +23,16 @@ struct DeviceCounters {
     std::uint32_t openResult = KM_IO_OK;
 };
 
-class TestDevice : public IoDevice {
+class TestDevice : public kmio::IoDevice {
 public:
     TestDevice(DeviceCounters& counters, const std::string& locator, void* context,
                KM_IO_ReceiveCallback onReceive)
-        : IoDevice(locator, "", context, onReceive, nullptr), counters_(counters) {
+        : kmio::IoDevice(locator, "", context, onReceive, nullptr), counters_(counters) {
         ++counters_.alive;
     }
     ~TestDevice() override { --counters_.alive; }
 
-    std::uint32_t open(std::shared_ptr<IoDevice> self) override {
+    std::uint32_t open(std::shared_ptr<kmio::IoDevice> self) override {
         if (counters_.openResult == KM_IO_OK)
             thread_.start(std::move(self), [this] { run(); });
         return counters_.openResult;
@@ -77,10 +77,10 @@ private:
 
     DeviceCounters& counters_;
     std::mutex mutex_;
-    WakeEvent wake_;
+    kmio::WakeEvent wake_;
     std::vector<std::uint8_t> pending_;
     bool stop_ = false;
-    ReceiverThread thread_;
+    kmio::ReceiverThread thread_;
 };
 
-}  // namespace kmio::test
+}  // namespace kmiotest

@@ -16,7 +16,7 @@ namespace kmiotest {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace ndtest;
+using namespace kmiotest;
 
 constexpr std::uint32_t kAny = 0xFFFFFFFF;
 

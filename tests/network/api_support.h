@@ -23,7 +23,7 @@ namespace kmiotest {
 
 using namespace std::chrono_literals;
 
-inline const std::string kLoopback = "iface-type network\niface network:127.0.0.1\n";
+inline const std::string kLoopbackEnumeration = "iface-type network\niface network:127.0.0.1\n";
 
 // KM_IO_EnumerateDevices(9999, ...) and the lines naming our devices: other
 // programs may run simulators on loopback too. A pass waits 500 ms for replies

@@ -7,13 +7,13 @@
 #include <chrono>
 #include <set>
 #include <string>
-#include <thread>
 
-#include "network/network_discovery.h"
-#include "network/network_enumeration.h"
 #include "discovery/discovery_log.h"
 #include "kmio/kmio.h"
 #include "network/api_support.h"
+#include "network/network_discovery.h"
+#include "network/network_enumeration.h"
+#include "support/manual_clock.h"
 
 namespace kmio {
 namespace {
@@ -41,43 +41,73 @@ private:
     std::atomic<int> count_{0};
 };
 
-TEST(DiscoveryCache, RediscoversOnlyAfterThreeSecondsOrWhenForced) {
+// Puts settings in force in the two steps KM_IO_SetGlobalOptions takes,
+// without a device table; false when a channel could not be set up.
+bool applied(NetworkDiscovery& cache, const NetworkDiscovery::Settings& settings) {
+    NetworkDiscovery::Prepared prepared;
+    try {
+        cache.prepare(settings, prepared);
+    } catch (const std::exception&) {
+        return false;
+    }
+    cache.commit(prepared);
+    return true;
+}
+
+TEST(DiscoveryCache, APassStaysFreshForThreeSecondsUnlessForced) {
     const auto sim = kmiotest::startSimulator(1, 56420);
     RequestCounter requests;
+    kmiotest::ManualClock clock;
+    NetworkDiscovery cache(kalometnd::createConnection, clock.clock());
     NetworkEnumerationOptions options;
     options.iface = {"network:127.0.0.1"};
     options.findDeviceSn = {"NE0001"};
     const auto devicesFound = [&] {
         RecordList records;
-        EXPECT_EQ(enumerateNetworkDevices(options, records), KM_IO_OK);
+        EXPECT_EQ(enumerateNetworkDevices(cache, options, records), KM_IO_OK);
         return records.size();
     };
     EXPECT_EQ(devicesFound(), 1u);
     EXPECT_EQ(requests.count(), 1);
+    clock.advance(2999ms);
     EXPECT_EQ(devicesFound(), 1u);
     EXPECT_EQ(requests.count(), 1) << "a fresh entry was discovered again";
     options.forceRescan = true;
     EXPECT_EQ(devicesFound(), 1u);
-    EXPECT_EQ(requests.count(), 2);
+    EXPECT_EQ(requests.count(), 2) << "a forced run was served from the cache";
     options.forceRescan = false;
-    std::this_thread::sleep_for(3100ms);
+    // The forced pass started the three seconds again.
+    clock.advance(2999ms);
+    EXPECT_EQ(devicesFound(), 1u);
+    EXPECT_EQ(requests.count(), 2) << "a fresh entry was discovered again";
+    clock.advance(2ms);
     EXPECT_EQ(devicesFound(), 1u);
     EXPECT_EQ(requests.count(), 3) << "a stale entry was not discovered again";
 }
 
+// The interfaces among candidates on which the cache has a channel.
+std::set<Ipv4> channelsAmong(NetworkDiscovery& cache, const std::set<Ipv4>& candidates) {
+    std::set<Ipv4> found;
+    for (const auto& [address, devices] : cache.filterListsOn(candidates)) {
+        found.insert(address);
+    }
+    return found;
+}
+
 TEST(DiscoveryCache, FailedChannelLeavesSettingsAsTheyWere) {
     NetworkDiscovery cache;
-    EXPECT_EQ(cache.discover({}, 10, false, ""), KM_IO_ERR_BAD_OPTIONS);
-    ASSERT_EQ(cache.apply({LocatorFormat::BySerialNumber, std::set<Ipv4>{kLoopback}}), KM_IO_OK);
-    EXPECT_EQ(cache.channelAddresses(), std::set<Ipv4>{kLoopback});
+    EXPECT_FALSE(cache.discover({}, 10, false, ""));
+    ASSERT_TRUE(applied(cache, {LocatorFormat::BySerialNumber, std::set<Ipv4>{kLoopback}}));
     // 203.0.113.1 is no address of this machine: its channel cannot bind.
     const Ipv4 foreign = 0xCB007101;
-    EXPECT_EQ(cache.apply({LocatorFormat::ByHost, std::set<Ipv4>{foreign}}), KM_IO_ERR_BAD_OPTIONS);
-    EXPECT_EQ(cache.channelAddresses(), std::set<Ipv4>{kLoopback});
-    EXPECT_EQ(cache.discover({foreign}, 10, false, ""), KM_IO_ERR_BAD_OPTIONS);
-    EXPECT_EQ(cache.channelAddresses(), std::set<Ipv4>{kLoopback});
-    EXPECT_EQ(cache.apply({std::nullopt, std::set<Ipv4>{}}), KM_IO_OK);
-    EXPECT_TRUE(cache.channelAddresses().empty());
+    const std::set<Ipv4> both{kLoopback, foreign};
+    EXPECT_EQ(channelsAmong(cache, both), std::set<Ipv4>{kLoopback});
+    EXPECT_FALSE(applied(cache, {LocatorFormat::ByHost, std::set<Ipv4>{foreign}}));
+    EXPECT_EQ(channelsAmong(cache, both), std::set<Ipv4>{kLoopback});
+    EXPECT_FALSE(cache.discover({foreign}, 10, false, ""));
+    EXPECT_EQ(channelsAmong(cache, both), std::set<Ipv4>{kLoopback});
+    EXPECT_TRUE(applied(cache, {std::nullopt, std::set<Ipv4>{}}));
+    EXPECT_TRUE(channelsAmong(cache, both).empty());
 }
 
 }  // namespace

@@ -13,8 +13,8 @@ namespace {
 TEST(HandBuiltDevice, IsFoundOpenedBySerialNumberAndReportedAsItComesAndGoes) {
     EventLog events;
     ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
-    const kmio::test::TcpPeer echo;
-    ndtest::Responder device("NE0HAND", echo.port(), "hand");
+    const kmiotest::TcpPeer echo;
+    kmiotest::Responder device("NE0HAND", echo.port(), "hand");
     device.announce();
     const std::string record =
         deviceLine("NE0HAND", echo.port(), "network:sn:NE0HAND", "1", "127.0.0.1", "127.0.0.1", "hand");
@@ -22,13 +22,13 @@ TEST(HandBuiltDevice, IsFoundOpenedBySerialNumberAndReportedAsItComesAndGoes) {
     EXPECT_EQ(events.at(0), std::make_pair(1u, record));
 
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "include-all\nforce-rescan 1", rc), record);
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "include-all\nforce-rescan 1", rc), record);
     EXPECT_EQ(rc, KM_IO_OK);
     expectEcho("network:sn:NE0HAND", "");
 
     // A device that no longer answers is dropped by the next pass.
     device.setSilent(true);
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nforce-rescan 1", rc), "");
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nforce-rescan 1", rc), "");
     ASSERT_EQ(events.waitFor(2), 2u);
     EXPECT_EQ(events.at(1), std::make_pair(2u, record));
     EXPECT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:none"), KM_IO_OK);

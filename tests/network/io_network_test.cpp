@@ -31,6 +31,12 @@ SerialNumberResolver resolverFor(std::uint16_t port) {
     };
 }
 
+// For locators that name a host: no serial number is ever found.
+SerialNumberResolver noDevices() {
+    return
+        [](const std::string&, const NetworkOpenOptions&, DiscoveredAddress&) { return KM_IO_ERR_NOT_FOUND; };
+}
+
 struct Opened {
     std::shared_ptr<IoNetwork> device;
     std::uint32_t result;
@@ -38,7 +44,7 @@ struct Opened {
 };
 
 Opened open(const std::string& locator, const std::string& options, Sink& sink,
-            SerialNumberResolver resolver = resolveNetworkSerialNumber) {
+            SerialNumberResolver resolver = noDevices()) {
     auto device = std::make_shared<IoNetwork>(locator, options, &sink, &Sink::onReceive, &Sink::onError,
                                               std::move(resolver));
     const auto start = Clock::now();
@@ -47,9 +53,9 @@ Opened open(const std::string& locator, const std::string& options, Sink& sink,
 }
 
 TEST(IoNetwork, LocatorAndPortRulesReachTheirResults) {
-    test::TcpPeer peer;
+    kmiotest::TcpPeer peer;
     std::uint16_t refusedPort = 0;
-    const UniqueFd boundOnly = test::loopbackSocket(-1, refusedPort);
+    const UniqueFd boundOnly = kmiotest::loopbackSocket(-1, refusedPort);
     const std::string p = std::to_string(peer.port());
     // Labels longer than 63 bytes are rejected by the resolver itself, so no
     // query leaves the machine; ".invalid" keeps the name unresolvable anyway.
@@ -90,7 +96,7 @@ TEST(IoNetwork, ConnectTimeoutIsReadFromTheRawOptionText) {
     // A listener whose accept queue is full drops new connection requests, so
     // a connect to it waits for the whole timeout.
     std::uint16_t port = 0;
-    const UniqueFd full = test::loopbackSocket(0, port);
+    const UniqueFd full = kmiotest::loopbackSocket(0, port);
     const UniqueFd queued(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
     ASSERT_EQ(::connect(queued.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
@@ -108,7 +114,7 @@ TEST(IoNetwork, ConnectTimeoutIsReadFromTheRawOptionText) {
 }
 
 TEST(IoNetwork, MovesSixteenMebibytesBothWaysIntactAndHasNoProperties) {
-    test::TcpPeer peer;
+    kmiotest::TcpPeer peer;
     Sink sink;
     Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
     ASSERT_EQ(opened.result, KM_IO_OK);
@@ -134,7 +140,7 @@ TEST(IoNetwork, MovesSixteenMebibytesBothWaysIntactAndHasNoProperties) {
 }
 
 TEST(IoNetwork, PeerCloseReportsLinkLostOnEveryPassUntilClosed) {
-    test::TcpPeer peer(/*echo=*/false);
+    kmiotest::TcpPeer peer(/*echo=*/false);
     Sink sink;
     Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
     ASSERT_EQ(opened.result, KM_IO_OK);
@@ -154,7 +160,7 @@ TEST(IoNetwork, PeerCloseReportsLinkLostOnEveryPassUntilClosed) {
 }
 
 TEST(IoNetwork, CloseReturnsPromptlyAndTheThreadReleasesTheDevice) {
-    test::TcpPeer peer;
+    kmiotest::TcpPeer peer;
     for (const bool wait : {true, true, true, false}) {
         Sink sink;
         Opened opened = open("network:127.0.0.1:" + std::to_string(peer.port()), "", sink);
@@ -171,7 +177,7 @@ TEST(IoNetwork, CloseReturnsPromptlyAndTheThreadReleasesTheDevice) {
 
 TEST(IoNetwork, CloseEndsASendBlockedOnAPeerThatDoesNotRead) {
     std::uint16_t port = 0;
-    const UniqueFd silent = test::loopbackSocket(1, port);  // never accepts, never reads
+    const UniqueFd silent = kmiotest::loopbackSocket(1, port);  // never accepts, never reads
     Sink sink;
     Opened opened = open("network:127.0.0.1:" + std::to_string(port), "", sink);
     ASSERT_EQ(opened.result, KM_IO_OK);

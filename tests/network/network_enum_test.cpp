@@ -12,9 +12,9 @@ namespace {
 TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
     const auto sim = startSimulator(2, 56310);
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "include-all", rc), deviceLine("NE0001", 56310, "network:sn:NE0001") +
-                                                            "\n" +
-                                                            deviceLine("NE0002", 56311, "network:sn:NE0002"));
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "include-all", rc),
+              deviceLine("NE0001", 56310, "network:sn:NE0001") + "\n" +
+                  deviceLine("NE0002", 56311, "network:sn:NE0002"));
     EXPECT_EQ(rc, KM_IO_OK);
 
     const struct {
@@ -32,11 +32,13 @@ TEST(NetworkEnumeration, ListsDevicesWithFiltersAndLocatorFormats) {
         {"iface network:10.0.0.300", KM_IO_ERR_BAD_OPTIONS, ""},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(enumerate(kLoopback + "only-locator\n" + c.options, rc), c.locators) << c.options;
+        EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\n" + c.options, rc), c.locators)
+            << c.options;
         EXPECT_EQ(rc, c.rc) << c.options;
     }
     EXPECT_EQ(
-        enumerate(kLoopback + "locator-format-network host\ninclude-device-sn\ninclude-locator", rc),
+        enumerate(kLoopbackEnumeration + "locator-format-network host\ninclude-device-sn\ninclude-locator",
+                  rc),
         "device-sn=NE0001|locator=network:127.0.0.1:56310\ndevice-sn=NE0002|locator=network:127.0.0.1:56311");
     // Without "iface" no interface is searched.
     EXPECT_EQ(enumerate("iface-type network\nonly-locator", rc), "");
@@ -62,53 +64,91 @@ TEST(NetworkEnumeration, OpensBySerialNumberThroughDiscovery) {
     // depends on the 3-second freshness, which a loaded machine can outlast;
     // the discovery cache's own test checks that rule with a clock it reads.)
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nforce-rescan 1", rc),
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nforce-rescan 1", rc),
               "network:sn:NE0002\nnetwork:sn:NE0001");
     expectEcho("network:sn:NE0001", "");
 }
 
-TEST(NetworkEnumeration, RaisesEventsAsDevicesComeChangeAndGo) {
-    EventLog events;
-    // The simulator starts first: each Inform travels twice, by broadcast and
-    // by multicast, over two sockets whose datagrams the host cannot order
-    // against each other. Its start-up Informs, read late on a slow machine,
-    // could otherwise land after the "busy" Inform below and flip the state
-    // back. The new channel's request finds the devices instead.
+// Starts two simulated devices, then background discovery on loopback, and
+// waits for the two events of the devices found.
+//
+// The simulator starts first: each Inform travels twice, by broadcast and by
+// multicast, over two sockets whose datagrams the host cannot order against
+// each other. Its start-up Informs, read late on a slow machine, could
+// otherwise land after a later "busy" Inform and flip the state back. The new
+// channel's request finds the devices instead.
+std::unique_ptr<ChildProcess> startDiscoveringTwoDevices(EventLog& events) {
     auto sim = startSimulator(2, 56340);
-    ASSERT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
-    ASSERT_EQ(events.waitFor(2), 2u);
+    EXPECT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
+    EXPECT_EQ(events.waitFor(2), 2u);
+    return sim;
+}
+
+TEST(DiscoveryEvents, ANewChannelReportsTheDevicesAlreadyThere) {
+    EventLog events;
+    const auto sim = startDiscoveringTwoDevices(events);
     EXPECT_EQ(events.at(0), std::make_pair(1u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
     EXPECT_EQ(events.at(1), std::make_pair(1u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
+}
 
-    // Bad settings change nothing: the next events still carry "sn" locators.
+TEST(DiscoveryEvents, TheCallbackCannotReenterTheTable) {
+    EventLog events;
+    const auto sim = startDiscoveringTwoDevices(events);
+    EXPECT_EQ(events.reentryFailures(), 2u);
+}
+
+TEST(DiscoveryEvents, BadGlobalSettingsLeaveTheLocatorFormatAsItWas) {
+    EventLog events;
+    const auto sim = startDiscoveringTwoDevices(events);
     EXPECT_EQ(KM_IO_SetGlobalOptions("locator-format-network HOST"), KM_IO_ERR_BAD_OPTIONS);
     for (const char* bad : {"locator-format-network host\ndiscovery-iface network:bogus",
                             "locator-format-network host\ndiscovery-iface network:0.0.0.0"}) {
         EXPECT_EQ(KM_IO_SetGlobalOptions(bad), KM_IO_ERR_BAD_OPTIONS) << bad;
     }
+    // A client makes the device busy: the event still carries the "sn" locator.
+    std::uint32_t handle = 0;
+    ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
+    ASSERT_EQ(events.waitFor(3), 3u);
+    EXPECT_EQ(events.at(2).second, deviceLine("NE0001", 56340, "network:sn:NE0001", "0"));
+    EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
+}
 
-    // A client makes the device busy, its leaving makes it available again.
+TEST(DiscoveryEvents, ABusyDeviceIsReportedUnavailableAndListedOnlyWhenUnavailableOnesAreAsked) {
+    EventLog events;
+    const auto sim = startDiscoveringTwoDevices(events);
     std::uint32_t handle = 0;
     ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
     ASSERT_EQ(events.waitFor(3), 3u);
     EXPECT_EQ(events.at(2), std::make_pair(2u, deviceLine("NE0001", 56340, "network:sn:NE0001", "0")));
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator", rc), "network:sn:NE0002");
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nfind-only-available 0", rc),
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator", rc), "network:sn:NE0002");
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nfind-only-available 0", rc),
               "network:sn:NE0001\nnetwork:sn:NE0002");
+    EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
+}
 
+TEST(DiscoveryEvents, ALocatorFormatSetWhileDiscoveringShapesTheNextEvents) {
+    EventLog events;
+    const auto sim = startDiscoveringTwoDevices(events);
+    std::uint32_t handle = 0;
+    ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
+    ASSERT_EQ(events.waitFor(3), 3u);
     ASSERT_EQ(KM_IO_SetGlobalOptions("locator-format-network host"), KM_IO_OK);
+    // The client leaving makes the device available again.
     EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
     ASSERT_EQ(events.waitFor(4), 4u);
     EXPECT_EQ(events.at(3), std::make_pair(1u, deviceLine("NE0001", 56340, "network:127.0.0.1:56340")));
+}
 
-    // Stopped devices are dropped by the next pass that they do not answer.
+TEST(DiscoveryEvents, DevicesThatStopAnsweringAreReportedGoneByTheNextPass) {
+    EventLog events;
+    const auto sim = startDiscoveringTwoDevices(events);
     sim->terminate();
-    enumerate(kLoopback + "force-rescan 1", rc);
-    ASSERT_EQ(events.waitFor(6), 6u);
-    EXPECT_EQ(events.at(4), std::make_pair(2u, deviceLine("NE0001", 56340, "network:127.0.0.1:56340")));
-    EXPECT_EQ(events.at(5), std::make_pair(2u, deviceLine("NE0002", 56341, "network:127.0.0.1:56341")));
-    EXPECT_EQ(events.reentryFailures(), 6u);
+    std::uint32_t rc = 0;
+    enumerate(kLoopbackEnumeration + "force-rescan 1", rc);
+    ASSERT_EQ(events.waitFor(4), 4u);
+    EXPECT_EQ(events.at(2), std::make_pair(2u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
+    EXPECT_EQ(events.at(3), std::make_pair(2u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
 }
 
 TEST(NetworkEnumeration, GlobalInterfaceNoneEndsDiscoveryUntilSetAgain) {
@@ -135,7 +175,7 @@ TEST(NetworkEnumeration, ConcurrentUseSettlesWithoutDeadlock) {
     std::thread enumerator([&] {
         std::uint32_t rc = 0;
         while (!done) {
-            enumerate(kLoopback + "force-rescan 1\ndiscovery-timeout 20", rc);
+            enumerate(kLoopbackEnumeration + "force-rescan 1\ndiscovery-timeout 20", rc);
             EXPECT_EQ(rc, KM_IO_OK);
         }
     });
@@ -149,7 +189,7 @@ TEST(NetworkEnumeration, ConcurrentUseSettlesWithoutDeadlock) {
     enumerator.join();
     EXPECT_EQ(KM_IO_SetGlobalOptions("discovery-iface network:127.0.0.1"), KM_IO_OK);
     std::uint32_t rc = 0;
-    EXPECT_EQ(enumerate(kLoopback + "only-locator\nforce-rescan 1", rc),
+    EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nforce-rescan 1", rc),
               "network:sn:NE0001\nnetwork:sn:NE0002\nnetwork:sn:NE0003");
 }
 

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "network/network_enumeration.h"
-#include "network/network_interface_enumeration.h"
 #include "discovery/adapters.h"
 #include "discovery/exceptions.h"
 #include "kmio/kmio.h"
+#include "network/network_enumeration.h"
+#include "network/network_interface_enumeration.h"
 
 namespace kmio {
 namespace {
@@ -27,27 +27,15 @@ TEST(NetworkInterfaces, OneRecordPerAdapterWithKeysInOrder) {
     EXPECT_EQ(*records[1].find("network-host"), "192.168.1.20");
 }
 
-TEST(NetworkInterfaces, EmptyListAndUnreadableList) {
+TEST(NetworkInterfaces, AnEmptyAdapterListGivesNoRecordsAndAnUnreadableOneThrows) {
     RecordList records;
     EXPECT_EQ(enumerateNetworkInterfaces(records, [] { return Adapters{}; }), KM_IO_OK);
     EXPECT_TRUE(records.empty());
     const auto failing = []() -> Adapters {
         throw kalometnd::NetworkException("Could not get interface list: Out of memory");
     };
-    EXPECT_EQ(enumerateNetworkInterfaces(records, failing), KM_IO_ERR_ENUMERATION_FAILED);
+    EXPECT_THROW(enumerateNetworkInterfaces(records, failing), kalometnd::NetworkException);
     EXPECT_TRUE(records.empty());
-}
-
-TEST(NetworkInterfaces, MachineListMatchesTheAdaptersAndLeavesOutLoopback) {
-    const auto adapters = kalometnd::listAdapters();
-    RecordList records;
-    ASSERT_EQ(enumerateNetworkInterfaces(records), KM_IO_OK);
-    ASSERT_EQ(records.size(), adapters.size());
-    for (std::size_t i = 0; i < adapters.size(); ++i) {
-        EXPECT_EQ(*records[i].find("network-host"), formatIpv4(adapters[i].address));
-        EXPECT_FALSE(adapters[i].friendlyName.empty());
-        EXPECT_NE(adapters[i].address >> 24, 127u) << adapters[i].adapterName;
-    }
 }
 
 }  // namespace

@@ -51,7 +51,7 @@ TEST(Locator, FormatsAndWrittenForms) {
     EXPECT_EQ(interfaceLocator(0xC0A80001u), "network:192.168.0.1");
 }
 
-TEST(Locator, NetworkAtOpen) {
+TEST(Locator, NetworkLocatorGivesHostAndPortOrTheCodeOfItsFault) {
     // The test lookup knows K1, finds K0 without a port (which leaves no port
     // at all), fails with 4 for "BADIFACE" and reports every other as not found.
     std::vector<std::string> asked;

@@ -43,7 +43,7 @@ TEST(OptionSets, FirstValueWinsAndListsKeepEveryValue) {
     EXPECT_FALSE(onlyFormat.discoveryIface.has_value());
 }
 
-TEST(OptionSets, ErrorsNameTheKeyOrTheRule) {
+TEST(OptionSets, AValueThatDoesNotConvertNamesItsKey) {
     EXPECT_EQ(errorOf<SerialOpenOptions>("baudrate fast"), "Conversion of baudrate failed");
     EXPECT_EQ(errorOf<SerialOpenOptions>("baudrate 99999999999"), "Conversion of baudrate failed");
     EXPECT_EQ(errorOf<SerialOpenOptions>("xonxoff  on"), "Conversion of xonxoff failed");
@@ -51,51 +51,44 @@ TEST(OptionSets, ErrorsNameTheKeyOrTheRule) {
     EXPECT_EQ(errorOf<EnumerationOptions>("find-usb-pid 1\nfind-usb-pid z"),
               "Conversion of find-usb-pid failed");
     EXPECT_EQ(errorOf<EnumerationOptions>("include-locator maybe"), "Conversion of include-locator failed");
+}
 
-    // Strict: off by default, rejects the first key the set does not read; its
-    // value is one of the boolean literals (empty, true/on/1, false/off/0).
+// Strict: off by default, rejects the first key the set does not read.
+TEST(OptionSets, StrictRejectsTheFirstKeyTheSetDoesNotRead) {
     EXPECT_EQ(errorOf<SerialOpenOptions>("bogus 1\nother"), "no exception");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict\nbogus 1\nother"), "Unknown option: bogus");
     EXPECT_EQ(errorOf<SerialOpenOptions>("other\nstrict true\nbogus"), "Unknown option: other");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict 1\nbaudrate 3\nbogus"), "Unknown option: bogus");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict on\nbaudrate 3\nxonxoff"), "no exception");
+    EXPECT_EQ(errorOf<UsbOpenOptions>("strict\nbaudrate 9600"), "no exception");
+    EXPECT_EQ(errorOf<NetworkOpenOptions>("strict\nbaudrate 9600"), "Unknown option: baudrate");
+    EXPECT_EQ(errorOf<GlobalOptions>("strict\niface network:all"), "Unknown option: iface");
+}
+
+TEST(OptionSets, StrictIsABooleanLiteralAndFalseOnesLeaveItOff) {
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict off\nbogus"), "no exception");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict 0\nbogus"), "no exception");
     EXPECT_EQ(errorOf<SerialOpenOptions>("strict false\nbogus"), "no exception");
     for (const char* bad : {"strict yes", "strict TRUE", "strict 2"})
         EXPECT_THROW(SerialOpenOptions::parse(bad), std::invalid_argument) << bad;
-    EXPECT_EQ(errorOf<UsbOpenOptions>("strict\nbaudrate 9600"), "no exception");
-    EXPECT_EQ(errorOf<NetworkOpenOptions>("strict\nbaudrate 9600"), "Unknown option: baudrate");
-    EXPECT_EQ(errorOf<GlobalOptions>("strict\niface network:all"), "Unknown option: iface");
-    // Include keys come from the record key lists, "protocol-idusb-desc" as one key.
+}
+
+// Include keys come from the record key lists, "protocol-idusb-desc" as one key.
+TEST(OptionSets, StrictKnowsTheIncludeAndOnlyKeysOfTheRecordKeyLists) {
     EXPECT_EQ(errorOf<EnumerationOptions>("strict\ninclude-protocol-idusb-desc\ninclude-device-info"),
               "no exception");
     EXPECT_EQ(errorOf<EnumerationOptions>("strict\ninclude-usb-desc"), "Unknown option: include-usb-desc");
     EXPECT_EQ(errorOf<InterfaceEnumerationOptions>("strict\nonly-serial-port\ninclude-network-subnet-mask"),
               "no exception");
+}
 
+TEST(InterfaceEnumerationOptions, AtMostOneOnlyOptionIsTrue) {
     const char* onlyOne = "Only one only-* option may be set";
     EXPECT_EQ(errorOf<InterfaceEnumerationOptions>("only-name\nonly-serial-port"), onlyOne);
     EXPECT_EQ(errorOf<InterfaceEnumerationOptions>("only-iface-type\nonly-network-host 1"), onlyOne);
     EXPECT_EQ(InterfaceEnumerationOptions::parse("only-name\nonly-serial-port false").only, "name");
     EXPECT_EQ(InterfaceEnumerationOptions::parse("only-all").only, "all");
     EXPECT_FALSE(InterfaceEnumerationOptions::parse("").only.has_value());
-}
-
-TEST(EnumerationOptions, SharedKeysFillEverySection) {
-    const auto d = EnumerationOptions::parse("");
-    EXPECT_TRUE(d.usb.findOnlyAvailable && d.network.findOnlyAvailable);
-    EXPECT_EQ(d.usb.locatorFormatUsb + d.network.locatorFormatNetwork, "snsn");
-    const auto e = EnumerationOptions::parse(
-        "find-only-available false\nforce-rescan\nfind-protocol-id 3\niface network:all\nfind-device-type 7\n"
-        "locator-format-network host");
-    EXPECT_FALSE(e.usb.findOnlyAvailable || e.network.findOnlyAvailable);
-    EXPECT_TRUE(e.usb.forceRescan && e.network.forceRescan && e.serial.forceRescan);
-    EXPECT_EQ(e.usb.findProtocolId, (Numbers{3}));
-    EXPECT_EQ(e.network.findProtocolId, (Numbers{3}));
-    EXPECT_EQ(e.network.iface, (Strings{"network:all"}));
-    EXPECT_EQ(e.network.findDeviceType, (Numbers{7}));
-    EXPECT_EQ(e.network.locatorFormatNetwork, "host");
 }
 
 TEST(EnumerationOptions, IncludeKeysFollowRecordKeyOrderOnce) {
@@ -108,7 +101,7 @@ TEST(EnumerationOptions, IncludeKeysFollowRecordKeyOrderOnce) {
     EXPECT_EQ(i.ifaceType, (Strings{"network"}));
 }
 
-TEST(EnumerationOptions, SelectsLinks) {
+TEST(EnumerationOptions, IfaceTypeSelectsLinksByExactNameAndNoneOrAllSelectsEvery) {
     const auto selected = [](const char* text) {
         const auto e = EnumerationOptions::parse(text);
         return std::string(e.selects("usb") ? "u" : "") + (e.selects("network") ? "n" : "") +

@@ -20,7 +20,7 @@ TEST(EscapeValue, ReplacesPercentFirst) {
     EXPECT_EQ(escapeValue("%7C"), "%257C");
 }
 
-TEST(RenderRecords, FullAndLocatorForms) {
+TEST(RenderRecords, IncludedKeysKeepRecordOrderAndValuesAreEscaped) {
     // A second set of a key replaces the value where it first stood.
     const RecordList records{
         record({{"iface-type", "usb"}, {"locator", "x"}, {"usb-id", "77"}, {"locator", "usb:sn:A|1"}}),

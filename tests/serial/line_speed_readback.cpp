@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace kmio::test {
+namespace kmiotest {
 
 std::uint32_t readBackLineSpeed(int fd) {
     struct termios2 settings {};
@@ -14,4 +14,4 @@ std::uint32_t readBackLineSpeed(int fd) {
     return (settings.c_cflag & CBAUD) == BOTHER ? settings.c_ospeed : 0;
 }
 
-}  // namespace kmio::test
+}  // namespace kmiotest

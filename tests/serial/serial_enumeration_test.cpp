@@ -8,12 +8,13 @@
 #include <fstream>
 #include <tuple>
 
-#include "serial/serial_enumeration.h"
-#include "serial/serial_port_cache.h"
 #include "kmio/kmio.h"
 #include "platform/unique_fd.h"
+#include "serial/serial_enumeration.h"
+#include "serial/serial_port_cache.h"
+#include "support/manual_clock.h"
 
-namespace kmio::test {
+namespace kmio {
 namespace {
 
 namespace fs = std::filesystem;
@@ -74,7 +75,8 @@ protected:
     UniqueFd holder_;
     std::shared_ptr<CountingScanner> scanner_ =
         std::make_shared<CountingScanner>((root_ / "sys").string(), (root_ / "dev").string());
-    SerialPortCache cache_{scanner_};
+    kmiotest::ManualClock clock_;
+    SerialPortCache cache_{scanner_, clock_.clock()};
 };
 
 TEST_F(SerialEnumeration, ListsRealPortsInNaturalOrderWithoutPhantomOrVirtualOnes) {
@@ -96,19 +98,28 @@ TEST_F(SerialEnumeration, ListsRealPortsInNaturalOrderWithoutPhantomOrVirtualOne
     EXPECT_TRUE(SerialPortScanner("/nonexistent-kmio-sys", "/dev").scan().empty());
 }
 
-TEST_F(SerialEnumeration, CacheServesThreeSecondsUnlessForced) {
+TEST_F(SerialEnumeration, CacheServesItsListForThreeSecondsThenScansAgain) {
     const std::string before = list("");
     addPort("ttyS3", "platform/serial8250", "4");
+    clock_.advance(std::chrono::milliseconds(2999));
     RecordList devices;
     ASSERT_EQ(enumerateSerialDevices(cache_, false, devices), KM_IO_OK);
     EXPECT_EQ(list("anything"), before);
     EXPECT_EQ(scanner_->scans, 1);
 
+    clock_.advance(std::chrono::milliseconds(2));
+    EXPECT_NE(list("").find(dev("ttyS3")), std::string::npos);
+    EXPECT_EQ(scanner_->scans, 2);
+}
+
+TEST_F(SerialEnumeration, ForceRescanScansWhileTheListIsFresh) {
+    const std::string before = list("");
+    addPort("ttyS3", "platform/serial8250", "4");
     EXPECT_NE(list("xforce-rescanx"), before);  // a plain substring is enough
     EXPECT_EQ(scanner_->scans, 2);
+    RecordList devices;
     ASSERT_EQ(enumerateSerialDevices(cache_, true, devices), KM_IO_OK);
     EXPECT_EQ(scanner_->scans, 3);
-    EXPECT_NE(list("").find(dev("ttyS3")), std::string::npos);
 }
 
 TEST_F(SerialEnumeration, LocatorListFollowsTheBufferConvention) {
@@ -125,4 +136,4 @@ TEST_F(SerialEnumeration, LocatorListFollowsTheBufferConvention) {
 }
 
 }  // namespace
-}  // namespace kmio::test
+}  // namespace kmio

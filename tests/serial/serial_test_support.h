@@ -10,18 +10,16 @@
 #include "support/callback_sink.h"
 #include "support/pty_pair.h"
 
-namespace kmio::test {
+namespace kmiotest {
 
-// The test keeps its own slave descriptor, to read back the line settings,
-// which start cooked (canonical, echo, CR translation) so that the device
-// must make them raw.
-using kmiotest::PtyPair;
-using kmiotest::Sink;
+// The test keeps its own slave descriptor (PtyPair), to read back the line
+// settings, which start cooked (canonical, echo, CR translation) so that the
+// device must make them raw.
 
 // Creates and opens a serial device the way KM_IO_Open does.
-inline std::shared_ptr<IoDevice> openSerial(const std::string& locator, const std::string& options,
-                                            Sink& sink, std::uint32_t& result) {
-    auto device = std::make_shared<IoSerial>(locator, options, &sink, &Sink::onReceive, &Sink::onError);
+inline std::shared_ptr<kmio::IoDevice> openSerial(const std::string& locator, const std::string& options,
+                                                  Sink& sink, std::uint32_t& result) {
+    auto device = std::make_shared<kmio::IoSerial>(locator, options, &sink, &Sink::onReceive, &Sink::onError);
     result = device->open(device);
     return result == KM_IO_OK ? device : nullptr;
 }
@@ -30,4 +28,4 @@ inline std::shared_ptr<IoDevice> openSerial(const std::string& locator, const st
 // BOTHER, else 0 (line_speed_readback.cpp).
 std::uint32_t readBackLineSpeed(int fd);
 
-}  // namespace kmio::test
+}  // namespace kmiotest

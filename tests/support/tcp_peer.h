@@ -9,19 +9,19 @@
 
 #include "platform/unique_fd.h"
 
-namespace kmio::test {
+namespace kmiotest {
 
 // A TCP socket bound to 127.0.0.1 on an ephemeral port; listening with the
 // given backlog, or only bound when it is negative (connections are refused).
-inline UniqueFd loopbackSocket(int backlog, std::uint16_t& port) {
-    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+inline kmio::UniqueFd loopbackSocket(int backlog, std::uint16_t& port) {
+    kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof address;
     const bool ok = ::bind(fd.get(), reinterpret_cast<sockaddr*>(&address), size) == 0 &&
                     (backlog < 0 || ::listen(fd.get(), backlog) == 0) &&
                     ::getsockname(fd.get(), reinterpret_cast<sockaddr*>(&address), &size) == 0;
     port = ntohs(address.sin_port);
-    return ok ? std::move(fd) : UniqueFd();
+    return ok ? std::move(fd) : kmio::UniqueFd();
 }
 
 // The device's side: accepts connections one after another and echoes each
@@ -38,7 +38,7 @@ public:
 private:
     void run(bool echo) {
         for (;;) {
-            const UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, 0));
+            const kmio::UniqueFd client(::accept4(listener_.get(), nullptr, nullptr, 0));
             if (!client) {
                 return;
             }
@@ -52,8 +52,8 @@ private:
     }
 
     std::uint16_t port_ = 0;
-    UniqueFd listener_ = loopbackSocket(16, port_);
+    kmio::UniqueFd listener_ = loopbackSocket(16, port_);
     std::thread thread_;
 };
 
-}  // namespace kmio::test
+}  // namespace kmiotest

@@ -89,7 +89,7 @@ TEST_F(IoFtdiTest, OpenFailuresGiveTheirCodesAndLeaveNoChipOpen) {
         d2xx::FT_HANDLE other = nullptr;
         ASSERT_EQ(sim.driver().FT_OpenEx(busy.data(), d2xx::kOpenBySerialNumber, &other), d2xx::kOk);
         // A fresh cache each time, so "usb:id:" reads the current chips.
-        kmio::UsbDeviceCache fresh(binding, clock.source());
+        kmio::UsbDeviceCache fresh(binding, clock.clock());
         if (!c.failCall.empty()) {
             ASSERT_TRUE(sim.fail(c.failCall, c.failStatus)) << c.failCall;
         }

@@ -11,25 +11,13 @@
 #include "options/property_record.h"
 #include "support/callback_sink.h"
 #include "support/ftdi_sim_control.h"
+#include "support/manual_clock.h"
 #include "usb/d2xx_binding.h"
 #include "usb/io_ftdi.h"
 #include "usb/usb_device_cache.h"
 #include "usb/usb_enumeration.h"
 
 namespace kmiotest {
-
-// A steady clock that moves only when the test says so.
-class ManualClock {
-public:
-    kmio::SteadyTimeSource source() {
-        return [this] { return now_; };
-    }
-    void advance(std::chrono::milliseconds by) { now_ += by; }
-
-private:
-    std::chrono::steady_clock::time_point now_ =
-        std::chrono::steady_clock::time_point{} + std::chrono::hours(1);
-};
 
 // Every test starts with an empty simulator, a binding that loads the driver
 // by its own name, and a device cache of its own on a hand-moved clock.
@@ -80,7 +68,7 @@ protected:
     FtdiSimControl sim;
     kmio::D2xxBinding binding{"libftd2xx.so", "libftchipid.so"};
     ManualClock clock;
-    kmio::UsbDeviceCache cache{binding, clock.source()};
+    kmio::UsbDeviceCache cache{binding, clock.clock()};
     Sink sink;
 };
 
