@@ -1,4 +1,4 @@
-/*
+/** @file kmio.h
  * KalometIO: device input/output for positioning controllers and sensors.
  *
  * This header is the whole public interface of the library and its reference
@@ -35,7 +35,7 @@
  * Option strings
  * --------------
  * Functions that take configuration take one option string: lines separated by
- * '\n', each "key value" (the first blank separates key and value) or a bare
+ * line feeds, each "key value" (the first blank separates key and value) or a bare
  * "key" (empty value; a bare boolean key means true). Blank lines and blanks,
  * tabs and carriage returns around a line are ignored. A null option string is
  * the same as "". Unknown keys are ignored unless the line "strict" is present,
@@ -57,8 +57,8 @@
  * Record text
  * -----------
  * Enumeration returns one line per device or interface, lines separated by
- * '\n' with none after the last. A line is "key=value" items joined by '|'.
- * In values, '%' is written "%25", line feed "%0A", '|' "%7C" and '=' "%3D".
+ * line feeds with none after the last. A line is "key=value" items joined by '|'.
+ * In values, the percent sign is written "%25", line feed "%0A", '|' "%7C" and '=' "%3D".
  * Which keys appear is chosen with "include-KEY" options ("include-all" for
  * every key); with "only-locator" the lines are the bare, unescaped locators.
  *
@@ -93,6 +93,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/** Marks the exported functions: DLL export or import on Windows, default visibility elsewhere. */
 #if defined(_WIN32)
 #if defined(KMIO_BUILDING_LIBRARY)
 #define KM_IO_API __declspec(dllexport)
@@ -107,10 +108,10 @@
 extern "C" {
 #endif
 
-/** Library version reported by KM_IO_GetVersion. */
-#define KM_IO_VERSION_MAJOR 2
-#define KM_IO_VERSION_MINOR 2
-#define KM_IO_VERSION_UPDATE 0
+/* Library version reported by KM_IO_GetVersion. */
+#define KM_IO_VERSION_MAJOR 2  /**< major version, reported by KM_IO_GetVersion */
+#define KM_IO_VERSION_MINOR 2  /**< minor version, reported by KM_IO_GetVersion */
+#define KM_IO_VERSION_UPDATE 0 /**< update number, reported by KM_IO_GetVersion */
 
 /* Result codes. */
 #define KM_IO_OK 0u                     /**< success */
@@ -131,10 +132,10 @@ extern "C" {
 #define KM_IO_ERR_WRONG_EVENT_TYPE 15u  /**< event record of the wrong type for the accessor */
 
 /* Interface types. */
-#define KM_IO_IFACE_NONE 0u
-#define KM_IO_IFACE_USB 1u
-#define KM_IO_IFACE_NETWORK 2u
-#define KM_IO_IFACE_SERIAL 3u
+#define KM_IO_IFACE_NONE 0u    /**< no interface: a locator that could not be classified */
+#define KM_IO_IFACE_USB 1u     /**< USB devices through the FTDI D2XX driver ("usb:" locators) */
+#define KM_IO_IFACE_NETWORK 2u /**< network devices over TCP, found by discovery ("network:" locators) */
+#define KM_IO_IFACE_SERIAL 3u  /**< serial ports ("serial:" locators) */
 #define KM_IO_IFACE_ALL 9999u /**< combined enumeration over all links */
 
 /* Event types. */
@@ -169,7 +170,11 @@ typedef void (*KM_IO_EventCallback)(void *userData, uint32_t eventType, const KM
 
 /**
  * Reports the library version (2.2.0). Every pointer must be valid.
- * Returns KM_IO_OK.
+ *
+ * @param major  out: the major version, KM_IO_VERSION_MAJOR.
+ * @param minor  out: the minor version, KM_IO_VERSION_MINOR.
+ * @param update out: the update number, KM_IO_VERSION_UPDATE.
+ * @return KM_IO_OK.
  */
 KM_IO_API uint32_t KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *update);
 
@@ -241,6 +246,7 @@ KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait);
  * Sends bytes to a device and returns when the link has accepted all of them.
  * Sends to one device are serialised; a concurrent KM_IO_Close is safe.
  *
+ * @param handle handle from KM_IO_Open.
  * @param data   the bytes; may be null when length is 0.
  * @param length number of bytes; 0 succeeds without touching the link.
  * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_SEND_FAILED;
@@ -257,6 +263,7 @@ KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
  * KM_IO_ERR_BUFFER_TOO_SMALL and *ioSize stays 0. Network devices answer
  * KM_IO_ERR_UNKNOWN_PROPERTY for every key, with an empty output.
  *
+ * @param handle handle from KM_IO_Open.
  * @param key    NUL-terminated property key.
  * @param value  caller buffer.
  * @param ioSize in: capacity of value; out: length written or size needed.
@@ -286,6 +293,8 @@ KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *val
  * caller. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
  * called.
  *
+ * @param callback the callback, or null to switch events off.
+ * @param userData passed back unchanged as the callback's first argument.
  * @return KM_IO_OK.
  */
 KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *userData);
@@ -293,6 +302,10 @@ KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *us
 /**
  * Reads an error event (type KM_IO_EVENT_ERROR): its code and message text.
  *
+ * @param event  the record handed to the event callback.
+ * @param code   out: the error code.
+ * @param buffer caller buffer for the message.
+ * @param ioSize in: capacity of buffer; out: length written or size needed.
  * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE for other events (nothing
  *         written); KM_IO_ERR_BUFFER_TOO_SMALL (*ioSize = length + 1; buffer and
  *         *code untouched).
@@ -308,6 +321,10 @@ KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *c
  * ignored. An "only-locator" value that is not a boolean throws
  * std::invalid_argument through the caller (C++ callers only).
  *
+ * @param event   the record handed to the event callback.
+ * @param options option string, or null for none.
+ * @param buffer  caller buffer for the record text.
+ * @param ioSize  in: capacity of buffer; out: length written or size needed.
  * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE; KM_IO_ERR_BUFFER_TOO_SMALL.
  */
 KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const char *options, char *buffer,
@@ -318,6 +335,8 @@ KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const c
  * writes 1 for KM_IO_IFACE_USB and KM_IO_IFACE_SERIAL, 0 for anything else
  * (network devices are listed through KM_IO_IFACE_ALL).
  *
+ * @param interfaceType one of KM_IO_IFACE_*.
+ * @param can           out: 1 or 0.
  * @return KM_IO_OK.
  */
 KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *can);
@@ -337,6 +356,10 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *c
  * caches), "locator-format-network sn|host", "locator-format-usb sn|id",
  * "only-locator", "include-KEY".
  *
+ * @param interfaceType KM_IO_IFACE_USB, KM_IO_IFACE_SERIAL or KM_IO_IFACE_ALL.
+ * @param options       option string, or null for none.
+ * @param buffer        caller buffer for the record text.
+ * @param ioSize        in: capacity of buffer; out: length written or size needed.
  * @return KM_IO_OK; KM_IO_ERR_NOT_SUPPORTED for other interface types;
  *         KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
  *         KM_IO_ERR_ENUMERATION_FAILED; KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
@@ -353,6 +376,9 @@ KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *op
  * iface-type, name, serial-port (serial). "include-KEY" selects keys;
  * "only-KEY" prints only that key's value (at most one "only-" option).
  *
+ * @param options option string, or null for none.
+ * @param buffer  caller buffer for the record text.
+ * @param ioSize  in: capacity of buffer; out: length written or size needed.
  * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
  *         KM_IO_ERR_ENUMERATION_FAILED when the network interface list cannot
  *         be read.
@@ -368,6 +394,7 @@ KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char *options, char *buffer, 
  *
  * Must not be called from the event callback.
  *
+ * @param options option string.
  * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS (the earlier settings stay in force);
  *         or the failure code of the discovery when it cannot apply them.
  */
