@@ -36,19 +36,13 @@ def _with_every_key(options: Dict[str, OptionValue]) -> Dict[str, OptionValue]:
 
 def _enumerate(link: str, options: Dict[str, OptionValue]) -> str:
     L.run_deferred()
-    lines = option_text(options)
-    if link in ("usb", "serial"):
-        kind = _LINKS[link]
-    elif link in ("all", "network"):
-        # Network devices are only listed by the combined enumeration.
-        kind = L.IFACE_ALL
-        if link == "network":
-            lines = "\n".join(filter(None, [lines, *option_lines("iface-type", "network")]))
-    else:
+    if link not in ("usb", "network", "serial", "all"):
         raise ValueError(f"link must be usb, network, serial or all, not {link!r}")
-    encoded = lines.encode()
+    # The combined enumeration lists every link as records (the serial
+    # listing of its own gives bare locators, and network has none).
+    encoded = "\n".join(filter(None, [*option_lines("iface-type", link), option_text(options)])).encode()
     return L.read_text(
-        lambda buffer, size: L.lib().KM_IO_EnumerateDevices(kind, encoded, buffer, ctypes.byref(size)),
+        lambda buffer, size: L.lib().KM_IO_EnumerateDevices(L.IFACE_ALL, encoded, buffer, ctypes.byref(size)),
         f"list {link} devices",
     )
 
