@@ -21,4 +21,5 @@ run_suite() {
 run_suite default
 run_suite asan
 run_suite tsan
+scripts/test-packaging.sh build/default
 echo "=== all suites passed"
