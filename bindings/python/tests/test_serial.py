@@ -74,7 +74,7 @@ def test_read_returns_every_byte_received_so_far_in_one_call(pty):
         for part in (b"abc", b"def", b"ghi"):
             os.write(master, part)
             time.sleep(0.05)
-        time.sleep(0.5)
+        time.sleep(1.5)  # ample for a pty on a loaded machine: all three writes are queued by now
         assert dev.read(timeout=0) == b"abcdefghi"
 
 
