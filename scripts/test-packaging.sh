@@ -37,8 +37,8 @@ done
 if ((${#missing[@]})); then
     echo "Installing: ${missing[*]}"
     "${sudo_cmd[@]}" apt-get update >/dev/null
-    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}" >/dev/null ||
-        exit 1
+    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends \
+        "${missing[@]}" >/dev/null || exit 1
 fi
 
 work=$(mktemp -d /tmp/kmio-packaging.XXXXXX)
@@ -136,7 +136,8 @@ stage_deb() {
     local dev=${build_dir}/packages/kalometio-dev_2.2.0_amd64.deb
     expect_file "${runtime}" && expect_file "${dev}" || return 1
     dpkg-deb -I "${runtime}" && dpkg-deb -I "${dev}" || return 1
-    dpkg-deb -c "${runtime}" | tee "${work}/runtime.list" && dpkg-deb -c "${dev}" | tee "${work}/dev.list" || return 1
+    dpkg-deb -c "${runtime}" | tee "${work}/runtime.list" || return 1
+    dpkg-deb -c "${dev}" | tee "${work}/dev.list" || return 1
     local f
     for f in /usr/lib/libkmio.so.2.2.0 /usr/lib/libkmio.so.2 /usr/bin/kmio /usr/bin/kmio-sim \
         /usr/lib/udev/rules.d/70-kalometio-ftdi.rules /usr/share/doc/kalometio/LICENSE; do
@@ -148,7 +149,8 @@ stage_deb() {
         deb_has "${work}/dev.list" "${f}" || return 1
     done
     ! grep -q 'include/kmio' "${work}/runtime.list" || fail "the header is in the runtime package" || return 1
-    ! grep -qE '\./usr/lib/libkmio\.so\.2' "${work}/dev.list" || fail "the library is in the development package" || return 1
+    ! grep -qE '\./usr/lib/libkmio\.so\.2' "${work}/dev.list" ||
+        fail "the library is in the development package" || return 1
     local depends
     depends=$(dpkg-deb -f "${runtime}" Depends)
     [[ ${depends} == *libc6* && ${depends} == *libstdc++6* ]] || fail "runtime Depends: ${depends}" || return 1
@@ -175,7 +177,8 @@ python_stage_body() {
     rm -rf "${source_dir}/bindings/python/build" "${source_dir}/bindings/python/src/kalometio.egg-info"
     "${py}" -c 'import kalometio, sys; assert "/venv/" in kalometio.__file__, kalometio.__file__' || return 1
     (cd "${work}" && KMIO_LIBRARY=${prefix}/lib/libkmio.so.2 KMIO_SIM=${prefix}/bin/kmio-sim \
-        PYTHONDONTWRITEBYTECODE=1 "${py}" -m pytest -p no:cacheprovider -v "${source_dir}/bindings/python/tests")
+        PYTHONDONTWRITEBYTECODE=1 "${py}" -m pytest -p no:cacheprovider -v \
+        "${source_dir}/bindings/python/tests")
 }
 
 stage_python() {

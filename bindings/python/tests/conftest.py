@@ -107,9 +107,22 @@ class Simulator:
         self.first_port = free_port_range(count)
         self.serials = [f"{prefix}{i + 1:04d}" for i in range(count)]
         self.process = subprocess.Popen(
-            [sim_path(), "--iface", "127.0.0.1", "--count", str(count), "--serial-prefix", prefix,
-             "--first-port", str(self.first_port), "--info", info],
-            stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+            [
+                sim_path(),
+                "--iface",
+                "127.0.0.1",
+                "--count",
+                str(count),
+                "--serial-prefix",
+                prefix,
+                "--first-port",
+                str(self.first_port),
+                "--info",
+                info,
+            ],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
         )
         assert self.process.stdout is not None
         seen = []
@@ -147,5 +160,7 @@ def run_python(code: str, *args: str) -> subprocess.CompletedProcess:
     """Runs a Python snippet in a fresh interpreter with this package, for exit-time behaviour."""
     return subprocess.run(
         [sys.executable, "-c", code, *args],
-        capture_output=True, text=True, timeout=60,
+        capture_output=True,
+        text=True,
+        timeout=60,
     )

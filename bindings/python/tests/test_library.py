@@ -58,7 +58,12 @@ def test_a_code_this_version_does_not_know_is_a_plain_kmio_error():
         ("serial:/dev/kmio-no-such-tty", {"baudrate": 9600}, km.OpenFailedError, 5),
         ("network:127.0.0.1", {}, km.BadOptionsError, 4),
         ("network:127.0.0.1:x", {}, km.BadOptionsError, 4),
-        ("network:127.0.0.1:55550", {"connect_timeout": 500, "strict": True, "no_such_key": 1}, km.BadOptionsError, 4),
+        (
+            "network:127.0.0.1:55550",
+            {"connect_timeout": 500, "strict": True, "no_such_key": 1},
+            km.BadOptionsError,
+            4,
+        ),
     ],
 )
 def test_failed_opens_raise_the_exception_of_their_result_code(locator, options, error, code):

@@ -13,7 +13,9 @@ LOOPBACK = "network:127.0.0.1"
 
 
 def ours(records, sim):
-    return sorted((r for r in records if r.get("device-sn", "").startswith(sim.prefix)), key=lambda r: r["device-sn"])
+    return sorted(
+        (r for r in records if r.get("device-sn", "").startswith(sim.prefix)), key=lambda r: r["device-sn"]
+    )
 
 
 def next_event(watcher, kind, serial, timeout=WAIT):

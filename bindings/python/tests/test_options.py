@@ -11,7 +11,10 @@ from kalometio.options import option_text, parse_record, parse_records
         ({"baudrate": 115200}, "baudrate 115200"),
         ({"connect_timeout": 2000}, "connect-timeout 2000"),
         ({"iface": "network:127.0.0.1"}, "iface network:127.0.0.1"),
-        ({"iface": ["network:10.0.0.1", "network:10.0.0.2"]}, "iface network:10.0.0.1\niface network:10.0.0.2"),
+        (
+            {"iface": ["network:10.0.0.1", "network:10.0.0.2"]},
+            "iface network:10.0.0.1\niface network:10.0.0.2",
+        ),
         ({"strict": True}, "strict"),
         ({"find_only_available": False}, "find-only-available false"),
         ({"find_device_sn": None}, ""),

@@ -18,7 +18,14 @@ installed libkmio.so.2.
 """
 
 from .device import Device, open
-from .enumeration import list_devices, list_interfaces, list_locators, locator_type, set_global_options, version
+from .enumeration import (
+    list_devices,
+    list_interfaces,
+    list_locators,
+    locator_type,
+    set_global_options,
+    version,
+)
 from .errors import (
     BadLocatorError,
     BadOptionsError,

@@ -12,7 +12,7 @@ import ctypes
 import ctypes.util
 import os
 import threading
-from typing import Callable, List, Optional
+from typing import Any, Callable, List, Optional
 
 from .errors import error_for
 
@@ -101,7 +101,10 @@ def check(code: int, what: str) -> None:
         raise error_for(code, what)
 
 
-def read_text(call: Callable[[ctypes.Array, ctypes.c_size_t], int], what: str, first_size: int = 4096) -> str:
+TextCall = Callable[["ctypes.Array[ctypes.c_char]", ctypes.c_size_t], Any]
+
+
+def read_text(call: TextCall, what: str, first_size: int = 4096) -> str:
     """Reads a text under the library's out-buffer convention.
 
     ``call(buffer, size)`` makes the library call with a buffer and a size
@@ -112,7 +115,7 @@ def read_text(call: Callable[[ctypes.Array, ctypes.c_size_t], int], what: str, f
     while True:
         buffer = ctypes.create_string_buffer(capacity)
         size = ctypes.c_size_t(capacity)
-        code = call(buffer, size)
+        code = int(call(buffer, size))
         if code == OK:
             return buffer.raw[: size.value].decode("utf-8", errors="replace")
         if code != ERR_BUFFER_TOO_SMALL:

@@ -64,15 +64,16 @@ def _release(link: _Link) -> None:
         handle, link.handle = link.handle, None
     if handle is None:
         return
+    open_handle: int = handle
     role = L.current_library_thread()
     if role == L.DISCOVERY_THREAD:
         # The event callback holds the library's table lock, under which
         # closing is not allowed: close on the next ordinary call instead.
-        L.defer(lambda: _close_handle(handle, link, wait=True))
+        L.defer(lambda: _close_handle(open_handle, link, wait=True))
     else:
         # On a receiving thread the library cannot wait for its own thread
         # (and must not wait for another that may want the interpreter lock).
-        _close_handle(handle, link, wait=role is None)
+        _close_handle(open_handle, link, wait=role is None)
 
 
 def _close_handle(handle: int, link: _Link, wait: bool) -> None:
@@ -101,7 +102,12 @@ class Device:
         handle = ctypes.c_uint32()
         L.check(
             L.lib().KM_IO_Open(
-                ctypes.byref(handle), locator.encode(), self.options.encode(), None, link.receive, link.link_error
+                ctypes.byref(handle),
+                locator.encode(),
+                self.options.encode(),
+                None,
+                link.receive,
+                link.link_error,
             ),
             f"open {locator}",
         )
@@ -153,7 +159,9 @@ class Device:
             if self._failure is not None:
                 raise self._failure
             try:
-                item = self._link.queue.get(timeout=timeout) if timeout != 0 else self._link.queue.get_nowait()
+                item = (
+                    self._link.queue.get(timeout=timeout) if timeout != 0 else self._link.queue.get_nowait()
+                )
             except queue.Empty:
                 return b""
             blocks: List[bytes] = []

@@ -17,14 +17,18 @@ _LINK_NAMES = {code: name for name, code in _LINKS.items()}
 def version() -> Tuple[int, int, int]:
     """The loaded library's version as (major, minor, update), e.g. (2, 2, 0)."""
     major, minor, update = ctypes.c_uint32(), ctypes.c_uint32(), ctypes.c_uint32()
-    L.check(L.lib().KM_IO_GetVersion(ctypes.byref(major), ctypes.byref(minor), ctypes.byref(update)), "version")
+    L.check(
+        L.lib().KM_IO_GetVersion(ctypes.byref(major), ctypes.byref(minor), ctypes.byref(update)), "version"
+    )
     return major.value, minor.value, update.value
 
 
 def locator_type(locator: str) -> str:
     """The link a locator names: "usb", "network" or "serial" (raises BadLocatorError otherwise)."""
     kind = ctypes.c_uint32()
-    L.check(L.lib().KM_IO_GetLocatorInterfaceType(ctypes.byref(kind), locator.encode()), f"locator {locator!r}")
+    L.check(
+        L.lib().KM_IO_GetLocatorInterfaceType(ctypes.byref(kind), locator.encode()), f"locator {locator!r}"
+    )
     return _LINK_NAMES[kind.value]
 
 
@@ -69,7 +73,9 @@ def list_locators(link: str = "all", **options: OptionValue) -> List[str]:
 
 
 def list_interfaces(**options: OptionValue) -> List[Record]:
-    """Lists the host's network interfaces and serial ports as records (``iface_type="network"`` for one kind).
+    """Lists the host's network interfaces and serial ports as records.
+
+    ``iface_type="network"`` or ``"serial"`` lists one kind.
 
     Every key is included unless an ``include_`` or ``only_`` option chooses."""
     L.run_deferred()

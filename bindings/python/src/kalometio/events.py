@@ -7,7 +7,7 @@ import queue
 import threading
 import weakref
 from dataclasses import dataclass, field
-from typing import Dict, Iterator, Optional
+from typing import Any, Dict, Iterator, Optional, Tuple, cast
 
 from . import _library as L
 from .errors import KmioError
@@ -70,7 +70,7 @@ _active_lock = threading.Lock()
 _active = False
 
 
-def _event_handler(events: "queue.SimpleQueue[object]") -> "L.EventCallback":
+def _event_handler(events: "queue.SimpleQueue[object]") -> Any:
     """Makes the event callback. It runs under the library's table lock, so it
     only reads the record (allowed there) and queues its text."""
 
@@ -80,13 +80,17 @@ def _event_handler(events: "queue.SimpleQueue[object]") -> "L.EventCallback":
                 if event_type == L.EVENT_ERROR:
                     code = ctypes.c_uint32()
                     text = L.read_text(
-                        lambda b, s: L.lib().KM_IO_GetErrorEventData(event, ctypes.byref(code), b, ctypes.byref(s)),
+                        lambda b, s: L.lib().KM_IO_GetErrorEventData(
+                            event, ctypes.byref(code), b, ctypes.byref(s)
+                        ),
                         "error event",
                     )
                     events.put((event_type, text, code.value))
                 else:
                     text = L.read_text(
-                        lambda b, s: L.lib().KM_IO_GetDiscoveryEventData(event, b"include-all", b, ctypes.byref(s)),
+                        lambda b, s: L.lib().KM_IO_GetDiscoveryEventData(
+                            event, b"include-all", b, ctypes.byref(s)
+                        ),
                         "discovery event",
                     )
                     events.put((event_type, text, 0))
@@ -96,13 +100,13 @@ def _event_handler(events: "queue.SimpleQueue[object]") -> "L.EventCallback":
     return L.EventCallback(on_event)
 
 
-def _stop(callback: "L.EventCallback") -> None:
+def _stop(callback: object) -> None:
     global _active
     if L.current_library_thread() == L.DISCOVERY_THREAD:
         L.defer(lambda: _stop(callback))
         return
     library = L.lib()
-    library.KM_IO_SetEventCallback(L.EventCallback(), None)
+    library.KM_IO_SetEventCallback(L.EventCallback(0), None)  # a null callback switches events off
     library.KM_IO_SetGlobalOptions(b"discovery-iface network:none")
     with _active_lock:
         _active = False
@@ -148,7 +152,7 @@ class Watcher:
             return None
         if isinstance(item, KmioError):
             raise item
-        event_type, text, code = item  # type: ignore[misc]
+        event_type, text, code = cast(Tuple[int, str, int], item)
         if event_type == L.EVENT_ERROR:
             return DiscoveryEvent("error", {}, code, text)
         return DiscoveryEvent(_KINDS.get(event_type, str(event_type)), parse_record(text) if text else {})
