@@ -79,7 +79,9 @@ expect_file() {
 
 stage_install() {
     if [[ ! -f ${build_dir}/CMakeCache.txt ]]; then
-        cmake -S "${source_dir}" -B "${build_dir}" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo || return 1
+        # Run on its own: only the library and the tools are needed here.
+        cmake -S "${source_dir}" -B "${build_dir}" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+            -DKMIO_BUILD_TESTS=OFF -DKMIO_BUILD_BENCH=OFF || return 1
     fi
     cmake --build "${build_dir}" --target kmio kmio-cli kmio-sim -j2 || return 1
     cmake --install "${build_dir}" --prefix "${prefix}" || return 1
