@@ -22,6 +22,7 @@ if (($# != 1)); then
     echo "usage: $0 BUILD_DIR" >&2
     exit 2
 fi
+mkdir -p "$1"
 build_dir=$(realpath "$1")
 
 sudo_cmd=()
