@@ -101,6 +101,8 @@ def _event_handler(events: "queue.SimpleQueue[object]") -> Any:
 
 
 def _stop(callback: object) -> None:
+    """Switches events and background discovery off. The finalizer holds the
+    callback object until then, so the library never calls a freed function."""
     global _active
     if L.current_library_thread() == L.DISCOVERY_THREAD:
         L.defer(lambda: _stop(callback))
