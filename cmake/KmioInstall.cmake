@@ -20,7 +20,7 @@ set(KMIO_INSTALL_UDEVDIR lib/udev/rules.d)
 # driver's own name, so only a program pointed at this folder picks it up).
 function(kmio_install_private_library target subdir)
   install(TARGETS ${target}
-    LIBRARY DESTINATION ${KMIO_INSTALL_PRIVATE_LIBDIR}/${subdir} COMPONENT runtime NAMELINK_SKIP)
+    LIBRARY DESTINATION ${KMIO_INSTALL_PRIVATE_LIBDIR}/${subdir} COMPONENT runtime NAMELINK_COMPONENT runtime)
 endfunction()
 
 # The library: the SONAME file and the real file at run time, the unversioned

@@ -135,8 +135,10 @@ deb_has() {
 stage_deb() {
     rm -rf "${build_dir}/packages"
     (cd "${build_dir}" && cpack -G DEB) || return 1
-    local runtime=${build_dir}/packages/kalometio_2.2.0_amd64.deb
-    local dev=${build_dir}/packages/kalometio-dev_2.2.0_amd64.deb
+    local arch
+    arch=$(dpkg --print-architecture)
+    local runtime=${build_dir}/packages/kalometio_2.2.0_${arch}.deb
+    local dev=${build_dir}/packages/kalometio-dev_2.2.0_${arch}.deb
     expect_file "${runtime}" && expect_file "${dev}" || return 1
     dpkg-deb -I "${runtime}" && dpkg-deb -I "${dev}" || return 1
     dpkg-deb -c "${runtime}" | tee "${work}/runtime.list" || return 1
