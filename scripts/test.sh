@@ -10,12 +10,14 @@
 #   default  the suite in the release build
 #   asan     the suite under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     the suite under ThreadSanitizer
+#   packaging  install, consumer builds, Debian packages, API reference and
+#            the Python package's tests (needs the default build)
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(default asan tsan)
+all_stages=(default asan tsan packaging)
 stages=("$@")
 if ((${#stages[@]} == 0)); then
     stages=("${all_stages[@]}")
@@ -45,6 +47,7 @@ for stage in "${stages[@]}"; do
     fi
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
+    packaging) scripts/test-packaging.sh build/default ;;
     *)
         echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
         exit 2

@@ -1,4 +1,4 @@
-/*
+/** @file kmio.h
  * KalometIO: device input/output for positioning controllers and sensors.
  *
  * This header is the whole public interface of the library and its reference
@@ -35,7 +35,7 @@
  * Option strings
  * --------------
  * Functions that take configuration take one option string: lines separated by
- * '\n', each "key value" (the first blank separates key and value) or a bare
+ * line feeds, each "key value" (the first blank separates key and value) or a bare
  * "key" (empty value; a bare boolean key means true). Blank lines and blanks,
  * tabs and carriage returns around a line are ignored. A null option string is
  * the same as "". Unknown keys are ignored unless the line "strict" is present,
@@ -57,8 +57,8 @@
  * Record text
  * -----------
  * Enumeration returns one line per device or interface, lines separated by
- * '\n' with none after the last. A line is "key=value" items joined by '|'.
- * In values, '%' is written "%25", line feed "%0A", '|' "%7C" and '=' "%3D".
+ * line feeds with none after the last. A line is "key=value" items joined by '|'.
+ * In values, the percent sign is written "%25", line feed "%0A", '|' "%7C" and '=' "%3D".
  * Which keys appear is chosen with "include-KEY" options ("include-all" for
  * every key); with "only-locator" the lines are the bare, unescaped locators.
  *
@@ -202,6 +202,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/** Marks the exported functions: DLL export or import on Windows, default visibility elsewhere. */
 #if defined(_WIN32)
 #if defined(KMIO_BUILDING_LIBRARY)
 #define KM_IO_API __declspec(dllexport)
@@ -216,10 +217,10 @@
 extern "C" {
 #endif
 
-/** Library version reported by KM_IO_GetVersion. */
-#define KM_IO_VERSION_MAJOR 2
-#define KM_IO_VERSION_MINOR 2
-#define KM_IO_VERSION_UPDATE 0
+/* Library version reported by KM_IO_GetVersion. */
+#define KM_IO_VERSION_MAJOR 2  /**< major version, reported by KM_IO_GetVersion */
+#define KM_IO_VERSION_MINOR 2  /**< minor version, reported by KM_IO_GetVersion */
+#define KM_IO_VERSION_UPDATE 0 /**< update number, reported by KM_IO_GetVersion */
 
 /* Result codes. */
 #define KM_IO_OK 0u                     /**< success */
@@ -240,10 +241,10 @@ extern "C" {
 #define KM_IO_ERR_WRONG_EVENT_TYPE 15u  /**< event record of the wrong type for the accessor */
 
 /* Interface types. */
-#define KM_IO_IFACE_NONE 0u
-#define KM_IO_IFACE_USB 1u
-#define KM_IO_IFACE_NETWORK 2u
-#define KM_IO_IFACE_SERIAL 3u
+#define KM_IO_IFACE_NONE 0u    /**< no interface: a locator that could not be classified */
+#define KM_IO_IFACE_USB 1u     /**< USB devices through the FTDI D2XX driver ("usb:" locators) */
+#define KM_IO_IFACE_NETWORK 2u /**< network devices over TCP, found by discovery ("network:" locators) */
+#define KM_IO_IFACE_SERIAL 3u  /**< serial ports ("serial:" locators) */
 #define KM_IO_IFACE_ALL 9999u /**< combined enumeration over all links */
 
 /* Event types. */
@@ -364,6 +365,7 @@ KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait);
  * Sends bytes to a device and returns when the link has accepted all of them.
  * Sends to one device are serialised; a concurrent KM_IO_Close is safe.
  *
+ * @param handle handle from KM_IO_Open.
  * @param data   the bytes; may be null only when length is 0.
  * @param length number of bytes; 0 succeeds without touching the link.
  * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_SEND_FAILED;
@@ -380,6 +382,7 @@ KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
  * KM_IO_ERR_BUFFER_TOO_SMALL and *ioSize stays 0. Network devices answer
  * KM_IO_ERR_UNKNOWN_PROPERTY for every key, with an empty output.
  *
+ * @param handle handle from KM_IO_Open.
  * @param key    NUL-terminated property key; null is the same as "".
  * @param value  caller buffer; may be null only when *ioSize is 0.
  * @param ioSize in: capacity of value; out: length written or size needed;
@@ -462,6 +465,7 @@ KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const c
  * writes 1 for KM_IO_IFACE_USB and KM_IO_IFACE_SERIAL, 0 for anything else
  * (network devices are listed through KM_IO_IFACE_ALL).
  *
+ * @param interfaceType one of KM_IO_IFACE_*.
  * @param can out: 1 or 0; must not be null.
  * @return KM_IO_OK.
  */
@@ -484,6 +488,7 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *c
  * "locator-format-usb sn|id",
  * "only-locator", "include-KEY".
  *
+ * @param interfaceType KM_IO_IFACE_USB, KM_IO_IFACE_SERIAL or KM_IO_IFACE_ALL.
  * @param options option string; null is the same as "".
  * @param buffer  caller buffer; may be null only when *ioSize is 0.
  * @param ioSize  in: capacity of buffer; out: length written or size needed;

@@ -1,0 +1,232 @@
+"""An open device: send bytes, read what arrived, close."""
+
+from __future__ import annotations
+
+import asyncio
+import ctypes
+import queue
+import threading
+import weakref
+from typing import Iterator, List, Optional, Union
+
+from . import _library as L
+from .errors import InvalidHandleError, KmioError, error_for
+from .options import OptionValue, option_text
+
+BytesLike = Union[bytes, bytearray, memoryview]
+
+
+class _Closed:
+    """Queued when the device is closed, to wake a reader that waits."""
+
+
+_CLOSED = _Closed()
+
+# Callback objects of devices closed without waiting for their receiving
+# thread: the thread may still call them for a moment, so they live on.
+_retired: List["_Link"] = []
+
+
+class _Link:
+    """The part of a device that the library's receiving thread touches.
+
+    It holds the queue and the two ctypes callbacks but no reference to the
+    Device, so an open device can still be garbage-collected (which closes
+    it). The callbacks only enqueue: received blocks as bytes, the first link
+    error as its exception.
+    """
+
+    def __init__(self, locator: str) -> None:
+        self.locator = locator
+        self.queue: "queue.SimpleQueue[object]" = queue.SimpleQueue()
+        self.handle: Optional[int] = None
+        self.lock = threading.Lock()
+        self.failed = False
+        self.receive = L.ReceiveCallback(self._on_receive)
+        self.link_error = L.LinkErrorCallback(self._on_link_error)
+
+    def _on_receive(self, _context: object, data: "ctypes._Pointer[ctypes.c_uint8]", length: int) -> None:
+        with L.on_library_thread(L.RECEIVING_THREAD):
+            self.queue.put(ctypes.string_at(data, length))
+
+    def _on_link_error(self, _context: object, code: int) -> None:
+        # A network link that is gone reports itself on every pass of the
+        # receiving thread until closed: keep the first report only.
+        with L.on_library_thread(L.RECEIVING_THREAD):
+            if not self.failed:
+                self.failed = True
+                self.queue.put(error_for(code, f"{self.locator}: link error"))
+
+
+def _release(link: _Link) -> None:
+    """Closes the device's handle once; safe from any thread."""
+    with link.lock:
+        handle, link.handle = link.handle, None
+    if handle is None:
+        return
+    open_handle: int = handle
+    role = L.current_library_thread()
+    if role == L.DISCOVERY_THREAD:
+        # The event callback holds the library's table lock, under which
+        # closing is not allowed: close on the next ordinary call instead.
+        L.defer(lambda: _close_handle(open_handle, link, wait=True))
+    else:
+        # On a receiving thread the library cannot wait for its own thread
+        # (and must not wait for another that may want the interpreter lock).
+        _close_handle(open_handle, link, wait=role is None)
+
+
+def _close_handle(handle: int, link: _Link, wait: bool) -> None:
+    L.lib().KM_IO_Close(handle, 1 if wait else 0)
+    if not wait:
+        _retired.append(link)
+    link.queue.put(_CLOSED)
+
+
+class Device:
+    """An open device; create it with :func:`kalometio.open`.
+
+    Received bytes are queued by the library's receiving thread and taken by
+    :meth:`read` (or by iterating over the device). A link failure is queued
+    behind the bytes that came before it and raised by the read that reaches
+    it, and by every read after. The device is closed by :meth:`close`, by
+    leaving a ``with`` block, when it is garbage-collected, and at interpreter
+    exit.
+    """
+
+    def __init__(self, locator: str, **options: OptionValue) -> None:
+        L.run_deferred()
+        self.locator = locator
+        self.options = option_text(options)
+        link = _Link(locator)
+        handle = ctypes.c_uint32()
+        L.check(
+            L.lib().KM_IO_Open(
+                ctypes.byref(handle),
+                locator.encode(),
+                self.options.encode(),
+                None,
+                link.receive,
+                link.link_error,
+            ),
+            f"open {locator}",
+        )
+        link.handle = handle.value
+        self._link = link
+        self._read_lock = threading.Lock()
+        self._failure: Optional[KmioError] = None
+        self._finalizer = weakref.finalize(self, _release, link)
+
+    @property
+    def handle(self) -> int:
+        """The library's handle (0 to 63). Raises InvalidHandleError once closed."""
+        handle = self._link.handle
+        if handle is None:
+            raise InvalidHandleError(f"{self.locator}: the device is closed")
+        return handle
+
+    @property
+    def closed(self) -> bool:
+        """True once the device has been closed."""
+        return self._link.handle is None
+
+    def send(self, data: BytesLike) -> None:
+        """Sends bytes; returns when the link has accepted all of them.
+
+        Raises:
+            InvalidHandleError: the device is closed.
+            SendFailedError, LinkLostError: the link refused the bytes.
+        """
+        payload = bytes(data)
+        L.check(L.lib().KM_IO_Send(self.handle, payload, len(payload)), f"send to {self.locator}")
+
+    def read(self, timeout: Optional[float] = None) -> bytes:
+        """Returns the bytes received so far, or waits for some.
+
+        Args:
+            timeout: seconds to wait when nothing has arrived yet; None waits
+                until something arrives or the device is closed, 0 does not wait.
+
+        Returns:
+            Every byte received since the last read, or b"" when the time ran out.
+
+        Raises:
+            LinkLostError, LinkFailedError: the link failed (after the bytes
+                received before the failure have been returned).
+            InvalidHandleError: the device is closed and nothing is left to read.
+        """
+        with self._read_lock:
+            if self._failure is not None:
+                raise self._failure
+            try:
+                item = (
+                    self._link.queue.get(timeout=timeout) if timeout != 0 else self._link.queue.get_nowait()
+                )
+            except queue.Empty:
+                return b""
+            blocks: List[bytes] = []
+            while True:
+                if isinstance(item, bytes):
+                    blocks.append(item)
+                elif isinstance(item, KmioError):
+                    self._failure = item
+                    break
+                else:
+                    self._link.queue.put(_CLOSED)  # for the next reader
+                    break
+                try:
+                    item = self._link.queue.get_nowait()
+                except queue.Empty:
+                    break
+            if blocks:
+                return b"".join(blocks)
+            if self._failure is not None:
+                raise self._failure
+            raise InvalidHandleError(f"{self.locator}: the device is closed")
+
+    async def read_async(self, timeout: Optional[float] = None) -> bytes:
+        """:meth:`read` for asyncio code: waits in a worker thread, not in the event loop."""
+        return await asyncio.to_thread(self.read, timeout)
+
+    def __iter__(self) -> Iterator[bytes]:
+        """Yields blocks of received bytes as they arrive, until the device is closed."""
+        while True:
+            try:
+                yield self.read()
+            except InvalidHandleError:
+                return
+
+    def get_property(self, key: str) -> str:
+        """Reads a property of the device (USB devices have them; see the C header)."""
+        handle = self.handle
+        return L.read_text(
+            lambda buffer, size: L.lib().KM_IO_GetProperty(handle, key.encode(), buffer, ctypes.byref(size)),
+            f"property {key!r} of {self.locator}",
+        )
+
+    def close(self) -> None:
+        """Closes the device, waiting until its receiving thread has ended. Closing twice is harmless."""
+        self._finalizer()
+
+    def __enter__(self) -> "Device":
+        return self
+
+    def __exit__(self, *exc: object) -> None:
+        self.close()
+
+    def __repr__(self) -> str:
+        state = "closed" if self.closed else f"handle {self._link.handle}"
+        return f"<kalometio.Device {self.locator!r} {state}>"
+
+
+def open(locator: str, **options: OptionValue) -> Device:  # noqa: A001 - km.open is the natural name
+    """Opens a device by its locator; keyword arguments become option lines.
+
+    Example: ``kalometio.open("serial:/dev/ttyUSB0", baudrate=115200)`` or
+    ``kalometio.open("network:sn:KM000042", iface="network:all")``.
+
+    Raises:
+        KmioError: a subclass for the result code (BadLocatorError, NotFoundError,
+            BadOptionsError, OpenFailedError, ...).
+    """
+    return Device(locator, **options)
