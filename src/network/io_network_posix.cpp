@@ -110,7 +110,7 @@ std::uint32_t IoNetwork::connectSocket(const std::string& host, std::uint16_t po
 }
 
 IoNetwork::Readiness IoNetwork::waitReadable(int timeoutMs, int& error) {
-    pollfd entries[2] = {{fdOf(socket_), POLLIN, 0}, {wake_->fd(), POLLIN, 0}};
+    pollfd entries[2] = {{fdOf(socket_), POLLIN, 0}, {static_cast<int>(wake_->native()), POLLIN, 0}};
     if (::poll(entries, 2, timeoutMs) < 0) {
         error = errno;
         return Readiness::Failed;

@@ -2,17 +2,19 @@
 #include "platform/socket_address.h"
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <system_error>
+#include <vector>
 
 #include "discovery/packet.h"
 #include "options/locator.h"
 #include "platform/error_text.h"
+#include "platform/interface_addresses.h"
 
 namespace kmiosim {
 
@@ -23,28 +25,18 @@ namespace {
 }
 
 std::uint32_t netmaskOf(std::uint32_t address) {
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0) {
-        fail("Could not list interfaces");
+    std::vector<kmio::InterfaceAddress> addresses;
+    try {
+        addresses = kmio::listInterfaceAddresses();
+    } catch (const std::system_error& e) {
+        throw std::runtime_error("Could not list interfaces: " + kmio::systemErrorText(e.code().value()));
     }
-    bool found = false;
-    std::uint32_t mask = 0;
-    for (const ifaddrs* entry = list; entry != nullptr && !found; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET ||
-            entry->ifa_netmask == nullptr) {
-            continue;
-        }
-        const auto* in = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
-        if (ntohl(in->sin_addr.s_addr) == address) {
-            mask = ntohl(reinterpret_cast<const sockaddr_in*>(entry->ifa_netmask)->sin_addr.s_addr);
-            found = true;
+    for (const kmio::InterfaceAddress& entry : addresses) {
+        if (entry.address == address && entry.netmask != 0) {
+            return entry.netmask;
         }
     }
-    freeifaddrs(list);
-    if (!found) {
-        throw std::runtime_error(kmio::formatIpv4(address) + " is not the address of a local interface");
-    }
-    return mask;
+    throw std::runtime_error(kmio::formatIpv4(address) + " is not the address of a local interface");
 }
 
 // Receiving sockets never block the poll loop; the sending one does block
