@@ -9,7 +9,8 @@ namespace kmio {
 // One IPv4 address of a local interface, as the system lists it. Addresses
 // are in host order (10.0.0.5 is 0x0A000005).
 struct InterfaceAddress {
-    std::string name;  // the system's interface name ("eth0")
+    std::string name;          // the system's interface name ("eth0"; a GUID on Windows)
+    std::string friendlyName;  // the system's display name (Windows); empty where there is none
     std::uint32_t address = 0;
     std::uint32_t netmask = 0;  // 0 when the system gives none
     bool up = false;            // administratively up
