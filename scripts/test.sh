@@ -10,6 +10,8 @@
 #   default  the suite in the release build
 #   asan     the suite under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     the suite under ThreadSanitizer
+#   windows  the Windows cross-build, its checks and its suite under Wine
+#            (scripts/test-windows.sh); not in the default list yet
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
 set -euo pipefail
@@ -45,8 +47,9 @@ for stage in "${stages[@]}"; do
     fi
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
+    windows) scripts/test-windows.sh ;;
     *)
-        echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
+        echo "unknown stage '${name}'; stages: ${all_stages[*]} windows" >&2
         exit 2
         ;;
     esac
