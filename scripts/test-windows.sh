@@ -31,17 +31,26 @@ if ((${#missing[@]})); then
 fi
 
 # The 32-bit Wine: only from a mirror that carries i386.
+# A failed attempt takes the i386 architecture away again: a mirror without
+# (complete) i386 lists would otherwise make every later apt-get update fail.
 wine32_reason=
 if ! installed wine32; then
+    added_i386=no
     if ! dpkg --print-foreign-architectures | grep -qx i386; then
         "${sudo_cmd[@]}" dpkg --add-architecture i386
-        "${sudo_cmd[@]}" apt-get update || true
+        added_i386=yes
     fi
-    if ! DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends wine32 \
-        >/tmp/kmio-wine32-install.log 2>&1; then
-        wine32_reason="wine32 could not be installed from this machine's package mirror ($(grep -m1 '^E:' \
-            /tmp/kmio-wine32-install.log || echo 'see /tmp/kmio-wine32-install.log'))"
+    wine32_log=$(mktemp)
+    if ! { "${sudo_cmd[@]}" apt-get update || true; DEBIAN_FRONTEND=noninteractive \
+        "${sudo_cmd[@]}" apt-get install -y --no-install-recommends wine32; } >"${wine32_log}" 2>&1; then
+        wine32_reason="wine32 could not be installed from this machine's package mirror: $(grep -m1 '^E:' \
+            "${wine32_log}" || echo 'apt-get failed')"
+        if [[ ${added_i386} == yes ]]; then
+            "${sudo_cmd[@]}" dpkg --remove-architecture i386 || true
+            "${sudo_cmd[@]}" apt-get update >/dev/null 2>&1 || true
+        fi
     fi
+    rm -f "${wine32_log}"
 fi
 
 prefixes=()
