@@ -8,6 +8,7 @@
 #include "discovery/exceptions.h"
 #include "discovery/packet.h"
 #include "platform/error_text.h"
+#include "platform/process_exit.h"
 
 namespace kalometnd {
 
@@ -62,7 +63,11 @@ void ChannelConnection::close(bool wait) {
                 [] { return "Could not signal connection to finish: " + kmio::lastSystemErrorText(); });
     }
     if (wait) {
-        idle_.wait(lock, [this] { return inside_ == 0; });
+        // At process exit on Windows a caller counted inside may be a thread
+        // that was ended in the call: it will never leave.
+        if (!kmio::processIsExiting()) {
+            idle_.wait(lock, [this] { return inside_ == 0; });
+        }
         releaseChannels();
     }
 }
