@@ -12,6 +12,8 @@
 #   tsan     the suite under ThreadSanitizer
 #   packaging  install, consumer builds, Debian packages, API reference and
 #            the Python package's tests (needs the default build)
+#   windows  the Windows cross-build, its checks and its suite under Wine
+#            (scripts/test-windows.sh)
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
 set -euo pipefail
@@ -48,6 +50,7 @@ for stage in "${stages[@]}"; do
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
     packaging) scripts/test-packaging.sh build/default ;;
+    windows) scripts/test-windows.sh ;;
     *)
         echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
         exit 2

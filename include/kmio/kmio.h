@@ -213,6 +213,20 @@
 #define KM_IO_API __attribute__((visibility("default")))
 #endif
 
+/*
+ * Calling convention of the exported functions and of the three callbacks.
+ * On 32-bit Windows it is __cdecl, the C compilers' default: the export table
+ * then carries the plain names (KM_IO_Open, not _KM_IO_Open@28), and callers
+ * built with another default (/Gz, /Gr) still call the functions correctly
+ * and pass callbacks of the right kind, since the header says it outright.
+ * 64-bit Windows and other systems have one convention, so it is empty there.
+ */
+#if defined(_WIN32) && !defined(_WIN64)
+#define KM_IO_CALL __cdecl
+#else
+#define KM_IO_CALL
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -261,21 +275,21 @@ typedef struct KM_IO_Event KM_IO_Event;
  * own device cannot wait for the thread it runs on: it returns at once, as
  * KM_IO_Close(handle, 0) does.
  */
-typedef void (*KM_IO_ReceiveCallback)(void *userContext, const uint8_t *data, size_t length);
+typedef void (KM_IO_CALL *KM_IO_ReceiveCallback)(void *userContext, const uint8_t *data, size_t length);
 
 /**
  * Reports a link failure: KM_IO_ERR_LINK_LOST (7) or KM_IO_ERR_LINK_FAILED (8).
  * Runs on the device's receiving thread, under the same rules as the receive
  * callback. The device stays open until the application closes it.
  */
-typedef void (*KM_IO_LinkErrorCallback)(void *userContext, uint32_t code);
+typedef void (KM_IO_CALL *KM_IO_LinkErrorCallback)(void *userContext, uint32_t code);
 
 /**
  * Receives a process-wide event. `eventType` is one of KM_IO_EVENT_*; read the
  * record with KM_IO_GetErrorEventData or KM_IO_GetDiscoveryEventData before
  * returning, since it is destroyed afterwards.
  */
-typedef void (*KM_IO_EventCallback)(void *userData, uint32_t eventType, const KM_IO_Event *event);
+typedef void (KM_IO_CALL *KM_IO_EventCallback)(void *userData, uint32_t eventType, const KM_IO_Event *event);
 
 /**
  * Reports the library version (2.2.0).
@@ -285,7 +299,7 @@ typedef void (*KM_IO_EventCallback)(void *userData, uint32_t eventType, const KM
  * @param update out: 0; must not be null.
  * @return KM_IO_OK.
  */
-KM_IO_API uint32_t KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *update);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *update);
 
 /**
  * Classifies a locator by the text before its first ':' ("usb" gives
@@ -298,7 +312,7 @@ KM_IO_API uint32_t KM_IO_GetVersion(uint32_t *major, uint32_t *minor, uint32_t *
  * @return KM_IO_OK, or KM_IO_ERR_BAD_LOCATOR when there is no ':' or the prefix
  *         is unknown.
  */
-KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *locator);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *locator);
 
 /**
  * Opens a device and stores it in the handle table.
@@ -347,7 +361,7 @@ KM_IO_API uint32_t KM_IO_GetLocatorInterfaceType(uint32_t *type, const char *loc
  * with the receive call's -1 as its length, which arrives as SIZE_MAX: such a
  * call carries no data, so register onError or check for that length.
  */
-KM_IO_API uint32_t KM_IO_Open(uint32_t *handle, const char *locator, const char *options, void *userContext,
+KM_IO_API uint32_t KM_IO_CALL KM_IO_Open(uint32_t *handle, const char *locator, const char *options, void *userContext,
                               KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError);
 
 /**
@@ -359,7 +373,7 @@ KM_IO_API uint32_t KM_IO_Open(uint32_t *handle, const char *locator, const char 
  *               once; callbacks may still run briefly while the thread ends.
  * @return KM_IO_OK, or KM_IO_ERR_INVALID_HANDLE.
  */
-KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_Close(uint32_t handle, int32_t wait);
 
 /**
  * Sends bytes to a device and returns when the link has accepted all of them.
@@ -371,7 +385,7 @@ KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait);
  * @return KM_IO_OK; KM_IO_ERR_INVALID_HANDLE; KM_IO_ERR_SEND_FAILED;
  *         KM_IO_ERR_LINK_LOST (network: send timed out; USB: driver I/O error).
  */
-KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_Send(uint32_t handle, const void *data, size_t length);
 
 /**
  * Reads a property of an open device into a caller buffer (out-buffer
@@ -393,7 +407,7 @@ KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void *data, size_t length);
  *         key is an unknown key, a null value counts as a buffer of
  *         capacity 0, and a null ioSize gives KM_IO_ERR_BUFFER_TOO_SMALL.
  */
-KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *value, size_t *ioSize);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_GetProperty(uint32_t handle, const char *key, char *value, size_t *ioSize);
 
 /**
  * Registers the process-wide event callback, or switches events off with a
@@ -420,7 +434,7 @@ KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *val
  *                 never read by the library; may be null.
  * @return KM_IO_OK.
  */
-KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *userData);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *userData);
 
 /**
  * Reads an error event (type KM_IO_EVENT_ERROR): its code and message text.
@@ -437,7 +451,7 @@ KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void *us
  *         event (nothing written); KM_IO_ERR_BUFFER_TOO_SMALL (*ioSize =
  *         length + 1; buffer and *code untouched).
  */
-KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *code, char *buffer, size_t *ioSize);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *code, char *buffer, size_t *ioSize);
 
 /**
  * Reads the device record of a discovery event (types
@@ -457,7 +471,7 @@ KM_IO_API uint32_t KM_IO_GetErrorEventData(const KM_IO_Event *event, uint32_t *c
  * @return KM_IO_OK; KM_IO_ERR_WRONG_EVENT_TYPE for other events and for a null
  *         event (nothing written); KM_IO_ERR_BUFFER_TOO_SMALL.
  */
-KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const char *options, char *buffer,
+KM_IO_API uint32_t KM_IO_CALL KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const char *options, char *buffer,
                                                size_t *ioSize);
 
 /**
@@ -469,7 +483,7 @@ KM_IO_API uint32_t KM_IO_GetDiscoveryEventData(const KM_IO_Event *event, const c
  * @param can out: 1 or 0; must not be null.
  * @return KM_IO_OK.
  */
-KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *can);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *can);
 
 /**
  * Lists devices as record text (out-buffer convention above).
@@ -497,7 +511,7 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *c
  *         KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
  *         KM_IO_ERR_ENUMERATION_FAILED; KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
  */
-KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *options, char *buffer,
+KM_IO_API uint32_t KM_IO_CALL KM_IO_EnumerateDevices(uint32_t interfaceType, const char *options, char *buffer,
                                           size_t *ioSize);
 
 /**
@@ -517,7 +531,7 @@ KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *op
  *         KM_IO_ERR_ENUMERATION_FAILED when the network interface list cannot
  *         be read.
  */
-KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char *options, char *buffer, size_t *ioSize);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_EnumerateInterfaces(const char *options, char *buffer, size_t *ioSize);
 
 /**
  * Sets process-wide discovery options:
@@ -532,7 +546,7 @@ KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char *options, char *buffer, 
  * @return KM_IO_OK; KM_IO_ERR_BAD_OPTIONS for a bad string or an interface on
  *         which discovery cannot be set up (the earlier settings stay in force).
  */
-KM_IO_API uint32_t KM_IO_SetGlobalOptions(const char *options);
+KM_IO_API uint32_t KM_IO_CALL KM_IO_SetGlobalOptions(const char *options);
 
 #ifdef __cplusplus
 }

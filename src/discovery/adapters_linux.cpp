@@ -1,27 +1,14 @@
-#include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
-#include <netinet/in.h>
-
-#include <cerrno>
 #include <fstream>
-#include <memory>
+#include <system_error>
 
 #include "discovery/adapters.h"
 #include "discovery/exceptions.h"
 #include "platform/error_text.h"
+#include "platform/interface_addresses.h"
 
 namespace kalometnd {
 
 namespace {
-
-struct IfaddrsDeleter {
-    void operator()(ifaddrs* list) const noexcept { freeifaddrs(list); }
-};
-
-std::uint32_t hostOrder(const sockaddr* address) {
-    return ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr);
-}
 
 // An administrator-set description ("ip link set NAME alias TEXT") plays the
 // part of a friendly name; interfaces without one go by their name.
@@ -37,25 +24,22 @@ std::string friendlyName(const std::string& name) {
 }  // namespace
 
 std::vector<AdapterInfo> listAdapters() {
-    ifaddrs* raw = nullptr;
-    if (getifaddrs(&raw) != 0) {
-        throw NetworkException("Could not get interface list: " + kmio::systemErrorText(errno));
+    std::vector<kmio::InterfaceAddress> addresses;
+    try {
+        addresses = kmio::listInterfaceAddresses();
+    } catch (const std::system_error& e) {
+        throw NetworkException("Could not get interface list: " + kmio::systemErrorText(e.code().value()));
     }
-    const std::unique_ptr<ifaddrs, IfaddrsDeleter> list(raw);
     std::vector<AdapterInfo> adapters;
-    for (const ifaddrs* entry = list.get(); entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
-            continue;
-        }
-        const unsigned flags = entry->ifa_flags;
-        if ((flags & IFF_UP) == 0 || (flags & IFF_RUNNING) == 0 || (flags & IFF_LOOPBACK) != 0) {
+    for (kmio::InterfaceAddress& entry : addresses) {
+        if (!entry.up || !entry.running || entry.loopback) {
             continue;
         }
         AdapterInfo info;
-        info.adapterName = entry->ifa_name;
-        info.address = hostOrder(entry->ifa_addr);
-        info.netmask = entry->ifa_netmask != nullptr ? hostOrder(entry->ifa_netmask) : 0;
-        info.friendlyName = friendlyName(info.adapterName);
+        info.friendlyName = friendlyName(entry.name);
+        info.adapterName = std::move(entry.name);
+        info.address = entry.address;
+        info.netmask = entry.netmask;
         adapters.push_back(std::move(info));
     }
     return adapters;

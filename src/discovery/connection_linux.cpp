@@ -9,16 +9,12 @@
 // interface address, which still receives unicast replies.
 
 #include <arpa/inet.h>
-#include <ifaddrs.h>
-#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -28,10 +24,10 @@
 #include "discovery/exceptions.h"
 #include "discovery/packet.h"
 #include "platform/error_text.h"
+#include "platform/interface_addresses.h"
+#include "platform/socket.h"
 #include "platform/socket_address.h"
 #include "platform/steady_clock.h"
-#include "platform/unique_fd.h"
-#include "platform/wake_event.h"
 
 namespace kalometnd {
 
@@ -40,40 +36,24 @@ namespace {
 constexpr std::size_t kDatagramBuffer = 1024;
 constexpr int kReceiveBufferBytes = 1 << 20;
 
-enum class ChannelKind : std::uint32_t { Broadcast = 0, Multicast = 1 };
-
 [[noreturn]] void throwSystem(const std::string& what, int error) {
     throw NetworkException(what + ": " + kmio::systemErrorText(error));
 }
 
 // The interface that carries an address (loopback included), with its mask.
-struct InterfaceOfAddress {
-    std::string name;
-    std::uint32_t netmask = 0;
-};
-
-std::optional<InterfaceOfAddress> findInterface(std::uint32_t address) {
-    ifaddrs* list = nullptr;
-    if (getifaddrs(&list) != 0) {
-        logLazy(kLogErrors,
-                [] { return "Could not retrieve list of interfaces: " + kmio::lastSystemErrorText(); });
-        return std::nullopt;
-    }
-    std::optional<InterfaceOfAddress> found;
-    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) {
-            continue;
+std::optional<kmio::InterfaceAddress> findInterface(std::uint32_t address) {
+    try {
+        for (kmio::InterfaceAddress& entry : kmio::listInterfaceAddresses()) {
+            if (entry.address == address) {
+                return std::move(entry);
+            }
         }
-        const auto* in = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
-        if (ntohl(in->sin_addr.s_addr) != address) {
-            continue;
-        }
-        const auto* mask = reinterpret_cast<const sockaddr_in*>(entry->ifa_netmask);
-        found = InterfaceOfAddress{entry->ifa_name, mask != nullptr ? ntohl(mask->sin_addr.s_addr) : 0};
-        break;
+    } catch (const std::system_error& e) {
+        logLazy(kLogErrors, [&] {
+            return "Could not retrieve list of interfaces: " + kmio::systemErrorText(e.code().value());
+        });
     }
-    freeifaddrs(list);
-    return found;
+    return std::nullopt;
 }
 
 void setIntOption(int fd, int level, int option, int value, const char* what) {
@@ -82,14 +62,18 @@ void setIntOption(int fd, int level, int option, int value, const char* what) {
     }
 }
 
-class Channel {
+using Kind = ChannelConnection::Kind;
+
+// The socket of one channel, set up for its interface and kind.
+class ChannelSocket {
 public:
-    Channel(std::uint32_t interfaceAddress, ChannelKind kind) : address_(interfaceAddress), kind_(kind) {
-        const std::optional<InterfaceOfAddress> iface = findInterface(interfaceAddress);
-        const std::uint16_t port = kind == ChannelKind::Broadcast ? kBroadcastPort : kMulticastPort;
-        if (kind == ChannelKind::Broadcast) {
-            const std::uint32_t broadcast = iface ? (interfaceAddress | ~iface->netmask) : 0;
-            destination_ = kmio::ipv4SocketAddress(broadcast, kBroadcastPort);
+    explicit ChannelSocket(const ChannelConnection::Channel& channel) {
+        const std::uint32_t interfaceAddress = channel.interfaceAddress;
+        const bool broadcast = channel.kind == Kind::Broadcast;
+        const std::optional<kmio::InterfaceAddress> iface = findInterface(interfaceAddress);
+        if (broadcast) {
+            const std::uint32_t address = iface ? (interfaceAddress | ~iface->netmask) : 0;
+            destination_ = kmio::ipv4SocketAddress(address, kBroadcastPort);
         } else {
             destination_ = kmio::ipv4SocketAddress(kMulticastGroup, kMulticastPort);
         }
@@ -98,9 +82,9 @@ public:
         if (!socket_) {
             throwSystem("Could not create socket", errno);
         }
-        const int fd = socket_.get();
+        const int fd = this->fd();
         setIntOption(fd, SOL_SOCKET, SO_REUSEADDR, 1, "Could not set SO_REUSEADDR");
-        if (kind == ChannelKind::Broadcast) {
+        if (broadcast) {
             setIntOption(fd, SOL_SOCKET, SO_BROADCAST, 1, "Could not set SO_BROADCAST");
         } else {
             setIntOption(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 1, "Could not set IP_MULTICAST_LOOP");
@@ -109,14 +93,13 @@ public:
         raiseReceiveBuffer(fd);
 
         const bool boundToDevice = iface && bindToDevice(fd, iface->name);
-        const sockaddr_in local =
-            kmio::ipv4SocketAddress(boundToDevice ? INADDR_ANY : interfaceAddress, port);
+        const sockaddr_in local = kmio::ipv4SocketAddress(boundToDevice ? INADDR_ANY : interfaceAddress,
+                                                          broadcast ? kBroadcastPort : kMulticastPort);
         if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-            throwSystem(kind == ChannelKind::Broadcast ? "Could not bind to iface address"
-                                                       : "Could not bind to multicast group",
+            throwSystem(broadcast ? "Could not bind to iface address" : "Could not bind to multicast group",
                         errno);
         }
-        if (kind == ChannelKind::Multicast) {
+        if (!broadcast) {
             in_addr outgoing{};
             outgoing.s_addr = htonl(interfaceAddress);
             if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &outgoing, sizeof outgoing) != 0) {
@@ -131,19 +114,14 @@ public:
         }
     }
 
-    Channel(const Channel&) = delete;
-    Channel& operator=(const Channel&) = delete;
-    ~Channel() { ::shutdown(socket_.get(), SHUT_RDWR); }
+    ChannelSocket(const ChannelSocket&) = delete;
+    ChannelSocket& operator=(const ChannelSocket&) = delete;
+    ~ChannelSocket() { socket_.shutdownBoth(); }
 
-    int fd() const noexcept { return socket_.get(); }
-
-    std::string name() const {
-        const char* kindName = kind_ == ChannelKind::Broadcast ? "Broadcast" : "Multicast";
-        return std::string(kindName) + " (" + ipv4Text(address_) + ")";
-    }
+    int fd() const noexcept { return static_cast<int>(socket_.get()); }
 
     void send(std::span<const std::uint8_t> datagram) const {
-        const ssize_t sent = ::sendto(socket_.get(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
+        const ssize_t sent = ::sendto(fd(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
                                       reinterpret_cast<const sockaddr*>(&destination_), sizeof destination_);
         if (sent < 0) {
             throwSystem("Could not send datagram", errno);
@@ -173,62 +151,25 @@ private:
         return false;
     }
 
-    std::uint32_t address_;
-    ChannelKind kind_;
     sockaddr_in destination_{};
-    kmio::UniqueFd socket_;
+    kmio::Socket socket_;
 };
 
-class ConnectionPosix final : public Connection {
+class ConnectionLinux final : public ChannelConnection {
 public:
-    explicit ConnectionPosix(const std::set<std::uint32_t>& interfaces) : finish_(makeFinishEvent()) {
-        for (const std::uint32_t address : interfaces) {
-            channels_.push_back(std::make_unique<Channel>(address, ChannelKind::Broadcast));
-            channels_.push_back(std::make_unique<Channel>(address, ChannelKind::Multicast));
+    explicit ConnectionLinux(const std::set<std::uint32_t>& interfaces) : ChannelConnection(interfaces) {
+        for (const Channel& channel : channels()) {
+            sockets_.push_back(std::make_unique<ChannelSocket>(channel));
         }
-        pollSet_.push_back({finish_->fd(), POLLIN, 0});
-        for (const auto& channel : channels_) {
-            pollSet_.push_back({channel->fd(), POLLIN, 0});
-        }
-        open_ = true;
-    }
-
-    ~ConnectionPosix() override { close(false); }
-
-    void close(bool wait) override {
-        std::unique_lock lock(mutex_);
-        open_ = false;
-        finish_->signal();
-        if (wait) {
-            idle_.wait(lock, [this] { return inside_ == 0; });
-            channels_.clear();
+        pollSet_.push_back({static_cast<int>(finishEvent().native()), POLLIN, 0});
+        for (const auto& socket : sockets_) {
+            pollSet_.push_back({socket->fd(), POLLIN, 0});
         }
     }
 
-    std::string networkName(unsigned networkId) const override {
-        const std::lock_guard lock(mutex_);
-        if (!open_) {
-            return "";
-        }
-        if (networkId > channels_.size()) {
-            throw InvalidArgumentException("Network id out of range");
-        }
-        if (networkId != 0) {
-            return channels_[networkId - 1]->name();
-        }
-        std::string names;
-        for (const auto& channel : channels_) {
-            names += (names.empty() ? "" : ", ") + channel->name();
-        }
-        return names;
-    }
-
-    bool receive(std::vector<std::uint8_t>& data, unsigned& networkId, std::uint32_t& sourceAddress,
-                 int timeoutMs) override {
-        const std::optional<Inside> inside = enter();
-        if (!inside) {
-            return false;
-        }
+private:
+    bool waitAndReceive(std::vector<std::uint8_t>& data, unsigned& networkId, std::uint32_t& sourceAddress,
+                        int timeoutMs) override {
         std::vector<pollfd> fds = pollSet_;
         if (!waitReadable(fds, timeoutMs) || fds[0].revents != 0) {
             return false;
@@ -262,65 +203,13 @@ public:
         return false;
     }
 
-    void send(unsigned networkId, std::span<const std::uint8_t> datagram) override {
-        const std::optional<Inside> inside = enter();
-        if (!inside) {
-            return;
-        }
-        if (networkId > channels_.size()) {
-            throw InvalidArgumentException("Invalid network id");
-        }
-        if (networkId != 0) {
-            channels_[networkId - 1]->send(datagram);
-            return;
-        }
-        for (const auto& channel : channels_) {
-            channel->send(datagram);
-        }
+    void sendOn(std::size_t index, std::span<const std::uint8_t> datagram) override {
+        sockets_[index]->send(datagram);
     }
 
-private:
-    // Counts a caller inside receive or send for as long as it lives, so
-    // that close(true) knows when the sockets are no longer in use.
-    class Inside {
-    public:
-        explicit Inside(ConnectionPosix& owner) : owner_(&owner) {}
-        Inside(Inside&& other) noexcept : owner_(std::exchange(other.owner_, nullptr)) {}
-        Inside(const Inside&) = delete;
-        Inside& operator=(const Inside&) = delete;
-        Inside& operator=(Inside&&) = delete;
-        ~Inside() {
-            if (owner_ != nullptr) {
-                owner_->leave();
-            }
-        }
-
-    private:
-        ConnectionPosix* owner_;
-    };
-
-    static std::unique_ptr<kmio::WakeEvent> makeFinishEvent() {
-        try {
-            return std::make_unique<kmio::WakeEvent>();
-        } catch (const std::system_error& e) {
-            throwSystem("Could not create event", e.code().value());
-        }
-    }
-
-    std::optional<Inside> enter() {
-        const std::lock_guard lock(mutex_);
-        if (!open_) {
-            return std::nullopt;
-        }
-        ++inside_;
-        return std::optional<Inside>(std::in_place, *this);
-    }
-
-    void leave() {
-        const std::lock_guard lock(mutex_);
-        if (--inside_ == 0) {
-            idle_.notify_all();
-        }
+    void releaseChannels() noexcept override {
+        sockets_.clear();
+        pollSet_.resize(1);
     }
 
     // Polls until something is readable or the time-out passes; a signal
@@ -347,19 +236,14 @@ private:
         }
     }
 
-    mutable std::mutex mutex_;
-    std::condition_variable idle_;
-    bool open_ = false;
-    std::uint32_t inside_ = 0;
-    std::unique_ptr<kmio::WakeEvent> finish_;
-    std::vector<std::unique_ptr<Channel>> channels_;
+    std::vector<std::unique_ptr<ChannelSocket>> sockets_;
     std::vector<pollfd> pollSet_;  // finish event first, then the channels in id order
 };
 
 }  // namespace
 
 std::shared_ptr<Connection> createConnection(const std::set<std::uint32_t>& interfaces) {
-    return std::make_shared<ConnectionPosix>(interfaces);
+    return std::make_shared<ConnectionLinux>(interfaces);
 }
 
 }  // namespace kalometnd

@@ -162,11 +162,6 @@ Packet buildDiscoverReply(const Token& requestToken, std::uint32_t selector, std
 Packet buildDiscoverInform(std::uint32_t selector, std::string_view serialNumber,
                            const DiscoverPayload& payload);
 
-// Dotted-decimal text of a host-order IPv4 address: kmio::formatIpv4, under
-// the name that connection_linux.cpp still calls. Goes once that file calls
-// formatIpv4 (platform/ipv4.h) itself.
-std::string ipv4Text(std::uint32_t address);
-
 // "KM_ND_Packet { OpCode: ..., Version: 1, SerialNumber: \"...\", Token: ... }"
 // with the payload's fields for the opcodes that have one.
 std::string packetText(const Packet& packet);

@@ -64,10 +64,6 @@ std::string payloadText(const Packet& packet) {
 
 }  // namespace
 
-std::string ipv4Text(std::uint32_t address) {
-    return kmio::formatIpv4(address);
-}
-
 std::string_view opCodeName(OpCode opcode) {
     switch (opcode) {
         case OpCode::GetConfiguration:

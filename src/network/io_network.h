@@ -76,13 +76,16 @@ private:
     // handle. True when the thread must end.
     bool stopRequested();
 
-    // Platform layer (io_network_posix.cpp). Errors are the platform's error
-    // numbers, for the two predicates below.
+    // Platform layer (io_network_posix.cpp, io_network_win32.cpp). Errors are
+    // the platform's error numbers, for the two predicates below.
     //
     // Resolves host and port and connects to the first address that accepts
     // within timeoutMs; stores the connected, blocking socket.
     // KM_IO_OK, KM_IO_ERR_NOT_FOUND or KM_IO_ERR_OPEN_FAILED.
     std::uint32_t connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs);
+    // Waits up to timeoutMs for the socket to become readable (a closed peer
+    // counts, on every pass until close) or for wake_; runs on the receiving
+    // thread only. Idle on time-out and when woken.
     Readiness waitReadable(int timeoutMs, int& error);
     bool pendingBytes(std::size_t& pending);
     // Result of the platform call: bytes moved, or negative with error set.
@@ -100,6 +103,14 @@ private:
     std::atomic<bool> stop_{false};
     Socket socket_;
     std::optional<WakeEvent> wake_;  // made by open(), so construction does no I/O
+    // What the platform keeps beside the socket for waitReadable (on Windows
+    // the socket's network-event object and whether the peer's close was
+    // seen); the platform file defines it and makes it on first use.
+    struct WaitState;
+    struct WaitStateDeleter {
+        void operator()(WaitState* state) const noexcept;
+    };
+    std::unique_ptr<WaitState, WaitStateDeleter> waitState_;
 };
 
 }  // namespace kmio

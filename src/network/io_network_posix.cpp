@@ -75,6 +75,13 @@ Socket connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& cr
 
 }  // namespace
 
+// poll takes the socket and the wake-up descriptor as they are: nothing to keep.
+struct IoNetwork::WaitState {};
+
+void IoNetwork::WaitStateDeleter::operator()(WaitState* state) const noexcept {
+    delete state;
+}
+
 std::uint32_t IoNetwork::connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs) {
     addrinfo hints{};
     hints.ai_family = AF_INET;
@@ -110,7 +117,7 @@ std::uint32_t IoNetwork::connectSocket(const std::string& host, std::uint16_t po
 }
 
 IoNetwork::Readiness IoNetwork::waitReadable(int timeoutMs, int& error) {
-    pollfd entries[2] = {{fdOf(socket_), POLLIN, 0}, {wake_->fd(), POLLIN, 0}};
+    pollfd entries[2] = {{fdOf(socket_), POLLIN, 0}, {static_cast<int>(wake_->native()), POLLIN, 0}};
     if (::poll(entries, 2, timeoutMs) < 0) {
         error = errno;
         return Readiness::Failed;

@@ -45,4 +45,9 @@ private:
     Native handle_ = kInvalid;
 };
 
+// Starts the platform's socket library for this process, once: WinSock 2.2
+// on Windows, which stays started until the process exits; nothing elsewhere.
+// Throws std::system_error with the system's code when it cannot start.
+void startSocketLibrary();
+
 }  // namespace kmio

@@ -19,4 +19,6 @@ void Socket::shutdownBoth() noexcept {
     }
 }
 
+void startSocketLibrary() {}
+
 }  // namespace kmio

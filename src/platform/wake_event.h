@@ -1,31 +1,39 @@
 #pragma once
 
-#include "platform/unique_fd.h"
+#include <cstdint>
 
 namespace kmio {
 
-// A descriptor that a waiting thread can include in its poll() set and that
-// another thread can make readable to wake it: the stop signal of receiving
-// threads and of the discovery connection. Once signalled it stays readable
-// until reset(), so a late waiter still sees the request.
+// An event that a waiting thread includes in its wait set and that another
+// thread sets to wake it: the stop signal of receiving threads and of the
+// discovery connection. Once signalled it stays signalled until reset(), so
+// a late waiter still sees the request.
+//
+// The native handle is what the platform's wait takes: on Linux an eventfd
+// descriptor to poll for POLLIN, on Windows a manual-reset event handle for
+// WaitForMultipleObjects or WSAWaitForMultipleEvents.
 class WakeEvent {
 public:
-    // Throws std::system_error when the descriptor cannot be created.
+    // Wide enough for either platform's handle, like Socket::Native.
+    using Native = std::intptr_t;
+
+    // Throws std::system_error when the event cannot be created.
     WakeEvent();
+    ~WakeEvent();
     WakeEvent(const WakeEvent&) = delete;
     WakeEvent& operator=(const WakeEvent&) = delete;
 
-    // Descriptor to poll for POLLIN.
-    int fd() const noexcept { return fd_.get(); }
+    Native native() const noexcept { return handle_; }
 
-    // Makes fd() readable. Safe from any thread; never blocks.
-    void signal() noexcept;
+    // Sets the event. Safe from any thread; never blocks. False, with the
+    // thread's last system error set, when the system refused.
+    bool signal() noexcept;
 
     // Clears the signalled state.
     void reset() noexcept;
 
 private:
-    UniqueFd fd_;
+    Native handle_;
 };
 
 }  // namespace kmio

@@ -1,5 +1,3 @@
-#include "platform/wake_event.h"
-
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -7,24 +5,31 @@
 #include <cstdint>
 #include <system_error>
 
+#include "platform/wake_event.h"
+
 namespace kmio {
 
-WakeEvent::WakeEvent() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (!fd_) {
+WakeEvent::WakeEvent() : handle_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (handle_ < 0) {
         throw std::system_error(errno, std::system_category(), "eventfd");
     }
 }
 
-void WakeEvent::signal() noexcept {
+WakeEvent::~WakeEvent() {
+    ::close(static_cast<int>(handle_));
+}
+
+bool WakeEvent::signal() noexcept {
     const std::uint64_t one = 1;
-    // The counter cannot overflow in practice; a failed write leaves the event
-    // readable anyway, which is all a waiter needs.
-    [[maybe_unused]] auto n = ::write(fd_.get(), &one, sizeof one);
+    // The counter cannot overflow in practice; EAGAIN would mean it is
+    // already readable, which is all a waiter needs.
+    const auto n = ::write(static_cast<int>(handle_), &one, sizeof one);
+    return n == sizeof one || errno == EAGAIN;
 }
 
 void WakeEvent::reset() noexcept {
     std::uint64_t value = 0;
-    [[maybe_unused]] auto n = ::read(fd_.get(), &value, sizeof value);
+    [[maybe_unused]] auto n = ::read(static_cast<int>(handle_), &value, sizeof value);
 }
 
 }  // namespace kmio

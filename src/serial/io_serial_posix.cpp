@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/unique_fd.h"
 #include "serial/io_serial.h"
 #include "serial/serial_line_speed.h"
 
@@ -101,6 +102,18 @@ bool assertModemLines(int fd) {
 
 }  // namespace
 
+struct IoSerial::Port {
+    UniqueFd fd;
+};
+
+void IoSerial::PortDeleter::operator()(Port* port) const noexcept {
+    // Exclusive mode belongs to the terminal, not to our descriptor: clear it
+    // so that the next program can open the port even while some other
+    // descriptor keeps the terminal alive.
+    ::ioctl(port->fd.get(), TIOCNXCL);
+    delete port;
+}
+
 std::uint32_t IoSerial::openPort(const std::string& portName, const SerialOpenOptions& options) {
     const std::string path = portName.find('/') == std::string::npos ? "/dev/" + portName : portName;
     UniqueFd fd(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
@@ -114,23 +127,18 @@ std::uint32_t IoSerial::openPort(const std::string& portName, const SerialOpenOp
         !assertModemLines(fd.get()) || ::ioctl(fd.get(), TIOCEXCL) != 0) {
         return KM_IO_ERR_OPEN_FAILED;
     }
-    port_ = std::move(fd);
+    port_.reset(new Port{std::move(fd)});
     return KM_IO_OK;
 }
 
 void IoSerial::releasePort() {
     std::lock_guard lock(mutex_);
-    if (port_) {
-        // Exclusive mode belongs to the terminal, not to our descriptor: clear
-        // it so that the next program can open the port even while some other
-        // descriptor keeps the terminal alive.
-        ::ioctl(port_.get(), TIOCNXCL);
-        port_.reset();
-    }
+    port_.reset();
 }
 
 void IoSerial::receiveLoop() {
-    const int port = port_.get();
+    const int port = port_->fd.get();
+    const int stopFd = static_cast<int>(stop_->native());
     // Read in batches and hand over blocks of at most 1024 bytes: a burst
     // costs a fraction of the reads, and the application sees the blocks
     // that 1024-byte reads would give.
@@ -143,7 +151,7 @@ void IoSerial::receiveLoop() {
     for (;;) {
         // After a failure only the stop request is awaited: a hung-up port
         // stays readable forever and would otherwise spin this loop.
-        std::array<pollfd, 2> fds{pollfd{stop_->fd(), POLLIN, 0}, pollfd{port, POLLIN, 0}};
+        std::array<pollfd, 2> fds{pollfd{stopFd, POLLIN, 0}, pollfd{port, POLLIN, 0}};
         const int ready = ::poll(fds.data(), failed ? 1 : 2, -1);
         if (ready < 0) {
             if (errno == EINTR) {
@@ -189,9 +197,10 @@ std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
     if (!port_ || !stop_) {
         return KM_IO_ERR_SEND_FAILED;
     }
+    const int stopFd = static_cast<int>(stop_->native());
     std::size_t written = 0;
     while (written < length) {
-        const ssize_t n = ::write(port_.get(), data + written, length - written);
+        const ssize_t n = ::write(port_->fd.get(), data + written, length - written);
         if (n > 0) {
             written += static_cast<std::size_t>(n);
             continue;
@@ -204,7 +213,7 @@ std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
         }
         // The output queue is full: wait, without a time limit, for room or
         // for close, which abandons the rest of the data.
-        std::array<pollfd, 2> fds{pollfd{port_.get(), POLLOUT, 0}, pollfd{stop_->fd(), POLLIN, 0}};
+        std::array<pollfd, 2> fds{pollfd{port_->fd.get(), POLLOUT, 0}, pollfd{stopFd, POLLIN, 0}};
         if (::poll(fds.data(), fds.size(), -1) < 0) {
             if (errno == EINTR) {
                 continue;

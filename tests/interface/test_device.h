@@ -60,7 +60,7 @@ private:
     }
     void run() {
         for (std::vector<std::uint8_t> bytes;; bytes.clear()) {
-            pollfd pfd{wake_.fd(), POLLIN, 0};
+            pollfd pfd{static_cast<int>(wake_.native()), POLLIN, 0};
             ::poll(&pfd, 1, -1);
             {
                 std::lock_guard<std::mutex> lock(mutex_);

@@ -1,17 +1,9 @@
 #include "sim_device.h"
-#include "platform/socket_address.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <cerrno>
-#include <stdexcept>
 #include <utility>
 
 #include "options/locator.h"
-#include "platform/error_text.h"
+#include "sim_net.h"
 
 namespace kmiosim {
 
@@ -19,49 +11,39 @@ SimDevice::SimDevice(std::string serialNumber, std::uint16_t port)
     : serialNumber_(std::move(serialNumber)), port_(port) {}
 
 void SimDevice::listen(std::uint32_t address) {
-    const std::string where = kmio::formatIpv4(address) + ":" + std::to_string(port_);
-    kmio::UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int on = 1;
-    const sockaddr_in local = kmio::ipv4SocketAddress(address, port_);
-    if (!fd || setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
-        ::listen(fd.get(), 4) != 0) {
-        throw std::runtime_error("Could not listen on " + where + ": " + kmio::lastSystemErrorText());
-    }
-    listeners_.push_back(std::move(fd));
+    listeners_.push_back(tcpListener(address, port_));
 }
 
-SimDevice::AcceptResult SimDevice::accept(int listenerFd, std::string& peer) {
-    sockaddr_in from{};
-    socklen_t size = sizeof from;
-    kmio::UniqueFd fd(
-        ::accept4(listenerFd, reinterpret_cast<sockaddr*>(&from), &size, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (!fd) {
+SimDevice::AcceptResult SimDevice::accept(const kmio::Socket& listener, std::string& peer) {
+    std::uint32_t address = 0;
+    std::uint16_t port = 0;
+    kmio::Socket connection = acceptConnection(listener, address, port);
+    if (!connection) {
         return AcceptResult::Nothing;
     }
-    peer = kmio::formatIpv4(ntohl(from.sin_addr.s_addr)) + ":" + std::to_string(ntohs(from.sin_port));
+    peer = kmio::formatIpv4(address) + ":" + std::to_string(port);
     if (client_) {
-        return AcceptResult::Refused;  // fd closes here
+        return AcceptResult::Refused;  // the connection closes here
     }
-    client_ = std::move(fd);
+    client_ = std::move(connection);
     echo_.clear();
     return AcceptResult::Connected;
 }
 
-short SimDevice::clientEvents() const {
+unsigned SimDevice::clientWanted() const {
     // Stop reading while an echo is still waiting to go out, so that a client
     // that does not read cannot make us buffer without limit.
-    return echo_.empty() ? POLLIN : POLLOUT;
+    return echo_.empty() ? kReadable : kWritable;
 }
 
-bool SimDevice::serviceClient(short revents) {
+bool SimDevice::serviceClient(unsigned ready) {
     if (!client_) {
         return false;
     }
-    if ((revents & (POLLIN | POLLHUP | POLLERR)) != 0 && echo_.empty()) {
+    if ((ready & (kReadable | kBroken)) != 0 && echo_.empty()) {
         std::uint8_t buffer[4096];
-        const ssize_t got = ::recv(client_.get(), buffer, sizeof buffer, 0);
-        if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+        const std::ptrdiff_t got = receiveStream(client_, buffer);
+        if (got == 0 || got == kStreamFailed) {
             client_.reset();
             return false;
         }
@@ -78,9 +60,9 @@ bool SimDevice::serviceClient(short revents) {
 
 bool SimDevice::flushEcho() {
     while (!echo_.empty()) {
-        const ssize_t sent = ::send(client_.get(), echo_.data(), echo_.size(), MSG_NOSIGNAL);
+        const std::ptrdiff_t sent = sendStream(client_, echo_);
         if (sent < 0) {
-            return errno == EAGAIN || errno == EINTR;
+            return sent == kWouldBlock;
         }
         echo_.erase(echo_.begin(), echo_.begin() + sent);
     }

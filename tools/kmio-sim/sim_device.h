@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/unique_fd.h"
+#include "platform/socket.h"
 
 namespace kmiosim {
 
@@ -21,30 +21,31 @@ public:
 
     // Opens a TCP listener on address:port(). Throws std::runtime_error.
     void listen(std::uint32_t address);
-    const std::vector<kmio::UniqueFd>& listeners() const { return listeners_; }
+    const std::vector<kmio::Socket>& listeners() const { return listeners_; }
 
     enum class AcceptResult { Nothing, Connected, Refused };
 
     // Takes the pending connection of one listener. While a client is
     // connected another one is accepted and closed at once, so it sees the
     // device refuse instead of waiting in the backlog. Fills the peer's text.
-    AcceptResult accept(int listenerFd, std::string& peer);
+    AcceptResult accept(const kmio::Socket& listener, std::string& peer);
 
-    // The connected client, and what to poll it for (-1 when none).
-    int clientFd() const { return client_.get(); }
-    short clientEvents() const;
+    // The connected client (invalid when none), and what to poll it for
+    // (Readiness bits).
+    const kmio::Socket& client() const { return client_; }
+    unsigned clientWanted() const;
 
-    // Moves bytes for the client after poll reported revents. Returns false
+    // Moves bytes for the client after poll reported it ready. Returns false
     // when the client has gone (the device is available again).
-    bool serviceClient(short revents);
+    bool serviceClient(unsigned ready);
 
 private:
     bool flushEcho();
 
     std::string serialNumber_;
     std::uint16_t port_;
-    std::vector<kmio::UniqueFd> listeners_;
-    kmio::UniqueFd client_;
+    std::vector<kmio::Socket> listeners_;
+    kmio::Socket client_;
     std::vector<std::uint8_t> echo_;  // received bytes not yet sent back
 };
 

@@ -3,19 +3,17 @@
 #include <cstdint>
 #include <span>
 
-#include "platform/unique_fd.h"
+#include "platform/socket.h"
 
 namespace kmiosim {
 
 // The discovery sockets of one local interface with address A.
 //
-// Hosts on the same machine bind the wildcard address on the discovery
-// ports, so the simulator must not: it binds the interface's broadcast
-// address (A | ~netmask) on 65111 and the group on 65110, both with
-// SO_REUSEADDR, which Linux lets coexist with a wildcard binding and which
-// still receive the host's broadcasts and multicasts. IP_MULTICAST_ALL=0
-// keeps group traffic of other interfaces out. Replies and announcements
-// leave from a third socket bound to A, so that they carry A as source.
+// Requests arrive on a broadcast receiver (port 65111) and a multicast
+// receiver (the group on 65110), bound as each system needs (sim_net_*.cpp)
+// so that a host on the same machine can bind the same ports. Replies and
+// announcements leave from a third socket bound to A, so that they carry A
+// as source.
 class SimInterface {
 public:
     // Throws std::runtime_error when A is not a local address or a socket
@@ -25,11 +23,11 @@ public:
     std::uint32_t address() const { return address_; }
     std::uint32_t broadcastAddress() const { return broadcast_; }
 
-    // Sockets on which requests arrive, to poll for POLLIN.
-    int broadcastFd() const { return broadcastSocket_.get(); }
-    int multicastFd() const { return multicastSocket_.get(); }
+    // Sockets on which requests arrive.
+    const kmio::Socket& broadcastSocket() const { return broadcastSocket_; }
+    const kmio::Socket& multicastSocket() const { return multicastSocket_; }
 
-    // Sends one datagram from A. Returns 0 or the errno of the failure:
+    // Sends one datagram from A. Returns 0 or the system's error number:
     // a simulator reports a lost datagram and goes on.
     int sendTo(std::uint32_t address, std::uint16_t port, std::span<const std::uint8_t> datagram) const;
 
@@ -39,9 +37,9 @@ public:
 private:
     std::uint32_t address_;
     std::uint32_t broadcast_;
-    kmio::UniqueFd broadcastSocket_;
-    kmio::UniqueFd multicastSocket_;
-    kmio::UniqueFd sender_;
+    kmio::Socket broadcastSocket_;
+    kmio::Socket multicastSocket_;
+    kmio::Socket sender_;
 };
 
 }  // namespace kmiosim

@@ -1,11 +1,5 @@
 #include "simulator.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -58,7 +52,7 @@ Simulator::Simulator(SimOptions options) : options_(std::move(options)) {
     }
 }
 
-void Simulator::run(int stopFd) {
+int Simulator::run(StopRequest& stop) {
     // Our own announcements loop back to our listening sockets. Read them as
     // we go, so that a thousand of them never fill the receive buffers and
     // crowd out the request of a host that starts right after "ready".
@@ -66,8 +60,8 @@ void Simulator::run(int stopFd) {
         announce(devices_[d]);
         if (d % 32 == 31 || d + 1 == devices_.size()) {
             for (std::size_t i = 0; i < interfaces_.size(); ++i) {
-                receiveRequest(i, interfaces_[i].broadcastFd());
-                receiveRequest(i, interfaces_[i].multicastFd());
+                receiveRequest(i, interfaces_[i].broadcastSocket());
+                receiveRequest(i, interfaces_[i].multicastSocket());
             }
         }
     }
@@ -79,39 +73,48 @@ void Simulator::run(int stopFd) {
     struct Slot {
         Source source;
         std::size_t index;
+        const kmio::Socket* socket;
     };
-    std::vector<pollfd> fds;
+    std::vector<PollEntry> entries;
     std::vector<Slot> slots;
-    const auto watch = [&](int fd, short events, Source source, std::size_t index) {
-        fds.push_back(pollfd{fd, events, 0});
-        slots.push_back(Slot{source, index});
+    const auto watch = [&](kmio::Socket::Native handle, unsigned wanted, Source source, std::size_t index,
+                           const kmio::Socket* socket) {
+        entries.push_back(PollEntry{handle, wanted, 0});
+        slots.push_back(Slot{source, index, socket});
     };
 
     for (;;) {
-        fds.clear();
+        entries.clear();
         slots.clear();
-        watch(stopFd, POLLIN, Source::Stop, 0);
+        if (stop.pollHandle() != kmio::Socket::kInvalid) {
+            watch(stop.pollHandle(), kReadable, Source::Stop, 0, nullptr);
+        }
         for (std::size_t i = 0; i < interfaces_.size(); ++i) {
-            watch(interfaces_[i].broadcastFd(), POLLIN, Source::Discovery, i);
-            watch(interfaces_[i].multicastFd(), POLLIN, Source::Discovery, i);
+            const SimInterface& iface = interfaces_[i];
+            watch(iface.broadcastSocket().get(), kReadable, Source::Discovery, i, &iface.broadcastSocket());
+            watch(iface.multicastSocket().get(), kReadable, Source::Discovery, i, &iface.multicastSocket());
         }
         for (std::size_t d = 0; d < devices_.size(); ++d) {
-            for (const kmio::UniqueFd& listener : devices_[d].listeners()) {
-                watch(listener.get(), POLLIN, Source::Listener, d);
+            for (const kmio::Socket& listener : devices_[d].listeners()) {
+                watch(listener.get(), kReadable, Source::Listener, d, &listener);
             }
-            if (devices_[d].clientFd() >= 0) {
-                watch(devices_[d].clientFd(), devices_[d].clientEvents(), Source::Client, d);
+            if (devices_[d].client()) {
+                watch(devices_[d].client().get(), devices_[d].clientWanted(), Source::Client, d, nullptr);
             }
         }
 
-        if (::poll(fds.data(), fds.size(), pollTimeoutMs()) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            throw std::runtime_error("poll failed: " + kmio::lastSystemErrorText());
+        int timeout = pollTimeoutMs();
+        if (stop.pollLimitMs() >= 0 && (timeout < 0 || timeout > stop.pollLimitMs())) {
+            timeout = stop.pollLimitMs();
         }
-        for (std::size_t k = 0; k < fds.size(); ++k) {
-            if (fds[k].revents == 0) {
+        pollSockets(entries, timeout);
+        if (stop.pollHandle() == kmio::Socket::kInvalid) {
+            if (const int requested = stop.taken(); requested != 0) {
+                return requested;
+            }
+        }
+        for (std::size_t k = 0; k < entries.size(); ++k) {
+            if (entries[k].ready == 0) {
                 continue;
             }
             SimDevice* device = slots[k].source == Source::Client || slots[k].source == Source::Listener
@@ -119,15 +122,15 @@ void Simulator::run(int stopFd) {
                                     : nullptr;
             switch (slots[k].source) {
                 case Source::Stop:
-                    return;
+                    return stop.taken();
                 case Source::Discovery:
-                    receiveRequest(slots[k].index, fds[k].fd);
+                    receiveRequest(slots[k].index, *slots[k].socket);
                     break;
                 case Source::Listener:
-                    acceptClient(*device, fds[k].fd);
+                    acceptClient(*device, *slots[k].socket);
                     break;
                 case Source::Client:
-                    if (!device->serviceClient(fds[k].revents)) {
+                    if (!device->serviceClient(entries[k].ready)) {
                         say("client disconnected from " + device->serialNumber());
                         announce(*device);
                     }
@@ -141,13 +144,12 @@ void Simulator::run(int stopFd) {
     }
 }
 
-void Simulator::receiveRequest(std::size_t iface, int fd) {
+void Simulator::receiveRequest(std::size_t iface, const kmio::Socket& socket) {
     std::uint8_t buffer[2048];
     for (;;) {
-        sockaddr_in from{};
-        socklen_t size = sizeof from;
-        const ssize_t got =
-            ::recvfrom(fd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&from), &size);
+        std::uint32_t fromAddress = 0;
+        std::uint16_t fromPort = 0;
+        const std::ptrdiff_t got = receiveDatagram(socket, buffer, fromAddress, fromPort);
         if (got < 0) {
             return;  // drained
         }
@@ -166,8 +168,8 @@ void Simulator::receiveRequest(std::size_t iface, int fd) {
         PendingReplies replies;
         replies.dueNs = now + options_.delayMs * kNsPerMs;
         replies.iface = iface;
-        replies.address = ntohl(from.sin_addr.s_addr);
-        replies.port = ntohs(from.sin_port);
+        replies.address = fromAddress;
+        replies.port = fromPort;
         replies.token = request.token;
         for (std::size_t d = 0; d < devices_.size(); ++d) {
             const bool selectorMatches =
@@ -260,9 +262,9 @@ void Simulator::announce(const SimDevice& device) {
     say("inform " + device.serialNumber() + " available " + (device.available() ? "1" : "0"));
 }
 
-void Simulator::acceptClient(SimDevice& device, int listenerFd) {
+void Simulator::acceptClient(SimDevice& device, const kmio::Socket& listener) {
     std::string peer;
-    switch (device.accept(listenerFd, peer)) {
+    switch (device.accept(listener, peer)) {
         case SimDevice::AcceptResult::Connected:
             say("client " + peer + " connected to " + device.serialNumber());
             announce(device);

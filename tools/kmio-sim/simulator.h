@@ -9,22 +9,24 @@
 #include "discovery/packet.h"
 #include "sim_device.h"
 #include "sim_interface.h"
+#include "sim_net.h"
 #include "sim_options.h"
 
 namespace kmiosim {
 
 // The simulated devices on their interfaces, driven by one poll loop: the
 // discovery sockets of every interface, the devices' TCP listeners and
-// clients, and a stop descriptor.
+// clients, and the stop request.
 class Simulator {
 public:
     // Opens every socket and prints one line per device. Throws
     // std::runtime_error when a socket cannot be set up.
     explicit Simulator(SimOptions options);
 
-    // Announces every device, prints "ready", then serves until stopFd
-    // becomes readable.
-    void run(int stopFd);
+    // Announces every device, prints "ready", then serves until a stop is
+    // requested. Returns the signal (or console event) that asked, 0 when
+    // unknown.
+    int run(StopRequest& stop);
 
 private:
     // Replies owed to one request, sent when due (at once unless --delay-ms).
@@ -37,13 +39,13 @@ private:
         std::vector<std::size_t> devices;
     };
 
-    void receiveRequest(std::size_t iface, int fd);
+    void receiveRequest(std::size_t iface, const kmio::Socket& socket);
     bool firstSighting(std::size_t iface, const kalometnd::Token& token, std::int64_t now);
     void sendReplies(const PendingReplies& replies);
     void sendGarbage(const SimInterface& iface, std::uint32_t address, std::uint16_t port,
                      const kalometnd::RawPacket& reply);
     void announce(const SimDevice& device);
-    void acceptClient(SimDevice& device, int listenerFd);
+    void acceptClient(SimDevice& device, const kmio::Socket& listener);
     kalometnd::DiscoverPayload payloadOf(const SimDevice& device) const;
     int pollTimeoutMs() const;
 

@@ -2,17 +2,14 @@
 // message and its reply).
 #include "arg_parser.h"
 #include "command.h"
+#include "console_wait.h"
 #include "device_session.h"
 #include "hex_dump.h"
 #include "option_text.h"
 #include "result_text.h"
-#include "signal_watch.h"
 
 #include <kmio/kmio.h>
-#include <poll.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
 #include <stdexcept>
 
@@ -41,13 +38,13 @@ bool openSession(DeviceSession& session, const ParsedArgs& parsed) {
 
 // Forwards one chunk of stdin to the device. Returns false at end of input or
 // when sending failed (then `status` says which).
-bool forwardStdin(DeviceSession& session, int& status) {
+bool forwardStdin(ConsoleWait& wait, DeviceSession& session, int& status) {
     std::uint8_t buffer[4096];
-    ssize_t n = ::read(STDIN_FILENO, buffer, sizeof buffer);
-    if (n < 0 && (errno == EINTR || errno == EAGAIN)) {
+    const std::ptrdiff_t n = wait.readInput(buffer, sizeof buffer);
+    if (n < 0) {
         return true;
     }
-    if (n <= 0) {
+    if (n == 0) {
         return false;  // end of input (a read error ends it the same way)
     }
     std::uint32_t code = session.send(buffer, static_cast<std::size_t>(n));
@@ -61,16 +58,15 @@ bool forwardStdin(DeviceSession& session, int& status) {
 
 // Lets received bytes flow to stdout for `ms` milliseconds; Ctrl-C or a link
 // error ends the wait early.
-void waitForReplies(SignalWatch& signals, const DeviceSession& session, unsigned long ms) {
+void waitForReplies(ConsoleWait& wait, unsigned long ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    pollfd fds[2] = {{signals.fd(), POLLIN, 0}, {session.endFd(), POLLIN, 0}};
     while (true) {
         auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) {
             return;
         }
-        int ready = ::poll(fds, 2, static_cast<int>(std::min<long long>(left.count(), 60'000)));
-        if (ready > 0 && (fds[1].revents != 0 || signals.take() != 0)) {
+        const auto woken = wait.wait(false, static_cast<int>(std::min<long long>(left.count(), 60'000)));
+        if (woken != ConsoleWait::Woken::TimedOut) {
             return;  // a link error that was already reported, or Ctrl-C
         }
     }
@@ -81,32 +77,25 @@ int runOpen(const std::vector<std::string>& args) {
     specs.push_back({"linger", 'l', true});
     ParsedArgs parsed = ArgParser(specs).parse(args, 1, 1);
     auto lingerMs = parseCount("linger", parsed.last("linger", "0"));
-    SignalWatch signals;
-    DeviceSession session(parsed.positional[0], parsed.has("hex"));
+    ConsoleWait wait;
+    DeviceSession session(parsed.positional[0], parsed.has("hex"), wait);
     if (!openSession(session, parsed)) {
         return kExitFailure;
     }
     int status = kExitOk;
-    pollfd fds[3] = {{signals.fd(), POLLIN, 0}, {session.endFd(), POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
     while (true) {
-        if (::poll(fds, 3, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            status = kExitFailure;
-            break;
-        }
-        if (fds[0].revents != 0 && signals.take() != 0) {
+        const ConsoleWait::Woken woken = wait.wait(true, -1);
+        if (woken == ConsoleWait::Woken::Stop) {
             break;  // Ctrl-C or SIGTERM: a normal end
         }
-        if (fds[1].revents != 0) {
+        if (woken == ConsoleWait::Woken::End) {
             status = kExitFailure;  // the link error was already reported
             break;
         }
-        if (fds[2].revents != 0 && !forwardStdin(session, status)) {
+        if (woken == ConsoleWait::Woken::Input && !forwardStdin(wait, session, status)) {
             if (status == kExitOk) {
                 // End of input: the last replies may still be on their way.
-                waitForReplies(signals, session, lingerMs);
+                waitForReplies(wait, lingerMs);
                 status = session.failed() ? kExitFailure : kExitOk;
             }
             break;
@@ -132,8 +121,8 @@ int runSend(const std::vector<std::string>& args) {
         data.assign(parsed.positional[1].begin(), parsed.positional[1].end());
     }
 
-    SignalWatch signals;
-    DeviceSession session(parsed.positional[0], parsed.has("hex"));
+    ConsoleWait wait;
+    DeviceSession session(parsed.positional[0], parsed.has("hex"), wait);
     if (!openSession(session, parsed)) {
         return kExitFailure;
     }
@@ -141,7 +130,7 @@ int runSend(const std::vector<std::string>& args) {
         reportFailure("cannot send to " + session.locator(), code);
         return kExitFailure;
     }
-    waitForReplies(signals, session, waitMs);
+    waitForReplies(wait, waitMs);
     session.close();
     return session.failed() ? kExitFailure : kExitOk;
 }

@@ -3,31 +3,9 @@
 #include "result_text.h"
 
 #include <kmio/kmio.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
 
 namespace kmiotool {
-
-namespace {
-
-bool writeAll(int fd, const char* data, std::size_t length) {
-    while (length > 0) {
-        ssize_t n = ::write(fd, data, length);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        data += n;
-        length -= static_cast<std::size_t>(n);
-    }
-    return true;
-}
-
-}  // namespace
 
 DeviceSession::~DeviceSession() {
     close();
@@ -63,13 +41,13 @@ void DeviceSession::receive(const std::uint8_t* data, std::size_t length) {
     bool written = false;
     if (hex_) {
         std::string text = dump_.format(data, length);
-        written = writeAll(STDOUT_FILENO, text.data(), text.size());
+        written = ConsoleWait::writeOutput(text.data(), text.size());
     } else {
-        written = writeAll(STDOUT_FILENO, reinterpret_cast<const char*>(data), length);
+        written = ConsoleWait::writeOutput(data, length);
     }
     if (!written && !failed_.exchange(true)) {
         std::fprintf(stderr, "kmio: cannot write received data to stdout\n");
-        end_.notify();
+        wait_.notifyEnd();
     }
 }
 
@@ -80,7 +58,7 @@ void DeviceSession::linkError(std::uint32_t code) {
     }
     failed_.store(true);
     if (code == KM_IO_ERR_LINK_LOST || code == KM_IO_ERR_LINK_FAILED) {
-        end_.notify();
+        wait_.notifyEnd();
     }
 }
 

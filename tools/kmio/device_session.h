@@ -1,6 +1,6 @@
 #pragma once
 
-#include "event_fd.h"
+#include "console_wait.h"
 #include "hex_dump.h"
 
 #include <atomic>
@@ -12,12 +12,12 @@ namespace kmiotool {
 
 // One open device as the open and send commands use it: received bytes go
 // to stdout (raw or as a hex dump), link errors to stderr. The first link
-// error, or stdout failing, makes endFd() readable so that the command's
-// wait loop ends; the network link keeps reporting a lost link on every pass
-// after the peer closed, so only a change of code is reported again.
+// error, or stdout failing, ends the command's waits (ConsoleWait::notifyEnd); the network link keeps
+// reporting a lost link on every pass after the peer closed, so only a change of code is reported again.
 class DeviceSession {
 public:
-    DeviceSession(std::string locator, bool hex) : locator_(std::move(locator)), hex_(hex) {}
+    DeviceSession(std::string locator, bool hex, ConsoleWait& wait)
+        : locator_(std::move(locator)), hex_(hex), wait_(wait) {}
     DeviceSession(const DeviceSession&) = delete;
     DeviceSession& operator=(const DeviceSession&) = delete;
     // Closes the device with wait if it is still open.
@@ -29,7 +29,6 @@ public:
     void close();
 
     const std::string& locator() const { return locator_; }
-    int endFd() const { return end_.fd(); }
     // True once a link error was reported or stdout could not be written.
     bool failed() const { return failed_.load(); }
 
@@ -43,7 +42,7 @@ private:
     std::string locator_;
     bool hex_;
     HexDump dump_;  // used by the receiving thread only
-    EventFd end_;
+    ConsoleWait& wait_;
     std::uint32_t handle_ = 0;
     bool open_ = false;
     std::uint32_t lastError_ = 0;  // receiving thread only

@@ -1,13 +1,12 @@
 // kmio watch: background discovery and its events until Ctrl-C.
 #include "arg_parser.h"
 #include "command.h"
+#include "console_wait.h"
 #include "option_text.h"
 #include "result_text.h"
-#include "signal_watch.h"
 #include "text_buffer.h"
 
 #include <kmio/kmio.h>
-#include <poll.h>
 
 #include <cstdio>
 #include <string>
@@ -61,7 +60,7 @@ int runWatch(const std::vector<std::string>& args) {
     options.add("locator-format-network", format);
     options.addInterfaces("discovery-iface", interfaces);
 
-    SignalWatch signals;
+    ConsoleWait wait;
     KM_IO_SetEventCallback(&printEvent, nullptr);
     if (std::uint32_t code = KM_IO_SetGlobalOptions(options.text().c_str()); code != KM_IO_OK) {
         KM_IO_SetEventCallback(nullptr, nullptr);
@@ -79,13 +78,12 @@ int runWatch(const std::vector<std::string>& args) {
     pass.add("only-locator");
     const std::string passText = pass.text();
     std::vector<char> listing(64 * 1024);
-    pollfd fd{signals.fd(), POLLIN, 0};
     for (;;) {
-        const int ready = ::poll(&fd, 1, kPassIntervalMs);
-        if (ready > 0 && signals.take() != 0) {
+        const ConsoleWait::Woken woken = wait.wait(false, kPassIntervalMs);
+        if (woken == ConsoleWait::Woken::Stop) {
             break;
         }
-        if (ready == 0) {
+        if (woken == ConsoleWait::Woken::TimedOut) {
             std::size_t size = listing.size();
             (void)KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, passText.c_str(), listing.data(), &size);
         }
