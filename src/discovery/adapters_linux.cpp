@@ -9,6 +9,7 @@
 
 #include "discovery/adapters.h"
 #include "discovery/exceptions.h"
+#include "discovery/netmask.h"
 #include "platform/error_text.h"
 
 namespace kalometnd {
@@ -54,7 +55,9 @@ std::vector<AdapterInfo> listAdapters() {
         AdapterInfo info;
         info.adapterName = entry->ifa_name;
         info.address = hostOrder(entry->ifa_addr);
-        info.netmask = entry->ifa_netmask != nullptr ? hostOrder(entry->ifa_netmask) : 0;
+        // The mask goes through its prefix length, by the interface list's rule.
+        info.netmask = netmaskOfPrefixLength(
+            prefixLengthOfNetmask(entry->ifa_netmask != nullptr ? hostOrder(entry->ifa_netmask) : 0));
         info.friendlyName = friendlyName(info.adapterName);
         adapters.push_back(std::move(info));
     }
