@@ -5,17 +5,20 @@
 namespace kmio {
 
 ChannelReaper::~ChannelReaper() {
-    std::unique_lock lock(mutex_);
-    ending_ = true;
-    if (thread_.joinable()) {
-        lock.unlock();
-        wake_.notify_one();
-        thread_.join();
-        return;
+    {
+        const std::lock_guard lock(mutex_);
+        ending_ = true;
     }
-    // No thread was ever needed; stop what might have been queued anyway.
-    std::deque<std::shared_ptr<DiscoverChannel>> left = std::move(queue_);
-    lock.unlock();
+    wake_.notify_one();
+    // A working thread empties the queue before it ends.
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    std::deque<std::shared_ptr<DiscoverChannel>> left;
+    {
+        const std::lock_guard lock(mutex_);
+        left = std::move(queue_);
+    }
     for (const auto& channel : left) {
         channel->stop();
     }
@@ -24,8 +27,14 @@ ChannelReaper::~ChannelReaper() {
 void ChannelReaper::retire(std::shared_ptr<DiscoverChannel> channel) {
     std::unique_lock lock(mutex_);
     queue_.push_back(std::move(channel));
-    if (!thread_.joinable() && !ending_) {
-        // Started on first need: most processes never remove a channel.
+    if (!running_ && !ending_) {
+        // Started when needed and ended when idle: a thread lives only while
+        // there is a channel to stop. One that has just ended has already
+        // let go of the mutex and every channel, so joining it cannot block.
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        running_ = true;
         thread_ = std::thread([this] { run(); });
     }
     lock.unlock();
@@ -37,6 +46,7 @@ void ChannelReaper::run() {
     for (;;) {
         wake_.wait(lock, [this] { return ending_ || !queue_.empty(); });
         if (queue_.empty()) {
+            running_ = false;
             return;  // ending, and nothing left to stop
         }
         std::shared_ptr<DiscoverChannel> channel = std::move(queue_.front());
@@ -45,6 +55,10 @@ void ChannelReaper::run() {
         channel->stop();
         channel.reset();
         lock.lock();
+        if (queue_.empty()) {
+            running_ = false;
+            return;
+        }
     }
 }
 

@@ -14,7 +14,7 @@ namespace kmio {
 // under the discovery lock, and for the global settings under the table mutex
 // too, while the channel's host thread may be waiting for either inside an
 // event; joining that thread there would never return. The reaper joins it
-// once those locks are free.
+// once those locks are free. Its thread ends whenever the queue runs empty.
 class ChannelReaper {
 public:
     ChannelReaper() = default;
@@ -33,6 +33,7 @@ private:
     std::condition_variable wake_;
     std::deque<std::shared_ptr<DiscoverChannel>> queue_;
     bool ending_ = false;
+    bool running_ = false;  // a thread is working on the queue
     std::thread thread_;
 };
 
