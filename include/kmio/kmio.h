@@ -284,7 +284,9 @@ KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char *key, char *val
  * KM_IO_SetEventCallback or KM_IO_SetGlobalOptions: such a call fails with a
  * C++ std::system_error (resource deadlock would occur) thrown through the
  * caller. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
- * called.
+ * called. KM_IO_EnumerateDevices may be called, but a listing that includes
+ * the network link returns KM_IO_ERR_ENUMERATION_FAILED at once: a discovery
+ * pass ends by raising events, which would wait for the callback to return.
  *
  * @return KM_IO_OK.
  */
@@ -339,7 +341,9 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t *c
  *
  * @return KM_IO_OK; KM_IO_ERR_NOT_SUPPORTED for other interface types;
  *         KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
- *         KM_IO_ERR_ENUMERATION_FAILED; KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
+ *         KM_IO_ERR_ENUMERATION_FAILED (also at once when called from the
+ *         event callback with the network link selected);
+ *         KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
  */
 KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char *options, char *buffer,
                                           size_t *ioSize);

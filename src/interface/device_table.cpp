@@ -64,8 +64,12 @@ std::unique_lock<std::mutex> DeviceTable::lockTable() {
     return std::unique_lock<std::mutex>(mutex_);
 }
 
+bool DeviceTable::runningEventCallback() const noexcept {
+    return tableInCallback == this;
+}
+
 void DeviceTable::throwIfInEventCallback() const {
-    if (tableInCallback == this) {
+    if (runningEventCallback()) {
         throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
                                 "table function called from the event callback");
     }

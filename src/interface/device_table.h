@@ -75,6 +75,7 @@ public:
     // Throws std::system_error(resource_deadlock_would_occur) when this
     // thread is running this table's event callback and so holds the mutex.
     void throwIfInEventCallback() const;
+    bool runningEventCallback() const noexcept;
 
 private:
     // Locks the mutex, or throws as throwIfInEventCallback does.

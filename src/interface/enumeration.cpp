@@ -65,6 +65,12 @@ std::uint32_t enumerateAllLinks(std::string_view text, char* buffer, std::size_t
         append(records, std::move(usb));
     }
     if (options.selects("network")) {
+        // A discovery pass ends by raising events, which wait for the table
+        // mutex that the event callback's thread holds: from there it would
+        // never end. Refuse before any link is listed.
+        if (DeviceTable::instance().runningEventCallback()) {
+            return KM_IO_ERR_ENUMERATION_FAILED;
+        }
         RecordList network;
         if (const std::uint32_t result = enumerateNetworkDevices(options.network, network);
             result != KM_IO_OK) {
