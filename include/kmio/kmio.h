@@ -86,6 +86,10 @@
  * a time, with no library lock held. The event callback runs on a discovery
  * thread with the library's table lock held; see KM_IO_SetEventCallback for
  * what it must not call.
+ *
+ * A program may end with devices open: the library's process-wide state is
+ * left in place at exit, and receiving threads end with the process. Their
+ * callbacks may run while the process exits.
  */
 #ifndef KMIO_KMIO_H
 #define KMIO_KMIO_H

@@ -55,8 +55,9 @@ DeviceTable::DeviceTable(DeviceFactory factory) : factory_(std::move(factory)) {
 DeviceTable::~DeviceTable() = default;
 
 DeviceTable& DeviceTable::instance() {
-    static DeviceTable table(makeDevice);
-    return table;
+    // Left alive at exit on purpose (see the header).
+    static auto* const table = new DeviceTable(makeDevice);
+    return *table;
 }
 
 std::unique_lock<std::mutex> DeviceTable::lockTable() {

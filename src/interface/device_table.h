@@ -37,7 +37,9 @@ public:
     DeviceTable& operator=(const DeviceTable&) = delete;
     ~DeviceTable();
 
-    // The process-wide table behind the exported functions, creating real links.
+    // The process-wide table behind the exported functions, creating real
+    // links. It is never destroyed: receiving threads may still run when the
+    // process exits, and must not find the table gone.
     static DeviceTable& instance();
 
     // Opens the device the locator names, then stores it in the lowest free

@@ -21,9 +21,9 @@ std::string_view optionText(const char* options) {
 }
 
 // Discovery events reach the application's callback through the table. Set
-// up when the library loads, before any discovery channel can exist; the
-// table is made first so that it outlives the discovery cache, whose
-// destruction at exit stops the host threads that raise events.
+// up when the library loads, before any discovery channel can exist. Neither
+// the table nor the discovery cache is ever destroyed, so host threads still
+// raising events at exit find both in place.
 [[maybe_unused]] const bool discoveryEventsRouted = [] {
     kmio::DeviceTable& table = kmio::DeviceTable::instance();
     kmio::NetworkDiscovery::instance().setEventSink(

@@ -50,8 +50,11 @@ NetworkDiscovery::~NetworkDiscovery() {
 }
 
 NetworkDiscovery& NetworkDiscovery::instance() {
-    static NetworkDiscovery cache;
-    return cache;
+    // Never destroyed: at exit, host threads and calls on other threads may
+    // still use it, and stopping channels there could wait on an event
+    // callback that never returns.
+    static auto* const cache = new NetworkDiscovery;
+    return *cache;
 }
 
 void NetworkDiscovery::setEventSink(DiscoveryEventSink sink) {

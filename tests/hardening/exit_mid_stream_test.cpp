@@ -1,0 +1,80 @@
+// A host program that ends with a device open and data arriving must end
+// normally, on every link. The program is tests/hardening/exit_mid_stream.c;
+// it takes the locator, so each link only has to supply an echoing peer.
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/child_process.h"
+#include "support/pty_pair.h"
+#include "support/tcp_peer.h"
+
+namespace kmiotest {
+namespace {
+
+// The program ends two ways: returning from main with its threads running,
+// and also with its receiving thread ended by the host's runtime at exit.
+constexpr bool kEndCallbackThreads[] = {false, true};
+
+void expectNormalExit(const std::string& locator, const std::string& options, bool endCallbackThreads) {
+    std::vector<std::string> argv{KMIO_EXIT_MID_STREAM_PATH, locator, options};
+    if (endCallbackThreads) {
+        argv.push_back("end-callback-threads");
+    }
+    const RunResult result = kmiotest::run(argv);
+    EXPECT_EQ(result.status, 0) << locator << (endCallbackThreads ? ", ending callback threads: " : ": ")
+                                << result.err;
+    EXPECT_EQ(result.out, "streaming\n") << locator;
+}
+
+TEST(ExitMidStream, NetworkDeviceReceiving) {
+    const kmio::test::TcpPeer peer;
+    for (const bool endCallbackThreads : kEndCallbackThreads) {
+        expectNormalExit("network:127.0.0.1:" + std::to_string(peer.port()), "", endCallbackThreads);
+    }
+}
+
+// A terminal that echoes what the program sends, for as long as it lives.
+class EchoingPty {
+public:
+    EchoingPty() : thread_([this] { echo(); }) {}
+    ~EchoingPty() {
+        stop_ = true;
+        thread_.join();
+    }
+    std::string locator() const { return pty_.locator(); }
+
+private:
+    void echo() {
+        char buffer[4096];
+        while (!stop_) {
+            pollfd ready{pty_.master.get(), POLLIN, 0};
+            if (::poll(&ready, 1, 20) <= 0 || (ready.revents & POLLIN) == 0) {
+                continue;
+            }
+            const ssize_t n = ::read(pty_.master.get(), buffer, sizeof buffer);
+            if (n > 0) {
+                (void)!::write(pty_.master.get(), buffer, static_cast<std::size_t>(n));
+            }
+        }
+    }
+
+    PtyPair pty_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+TEST(ExitMidStream, SerialDeviceReceiving) {
+    // A terminal per run: the program ends holding its port exclusively.
+    for (const bool endCallbackThreads : kEndCallbackThreads) {
+        const EchoingPty pty;
+        expectNormalExit(pty.locator(), "baudrate 115200", endCallbackThreads);
+    }
+}
+
+}  // namespace
+}  // namespace kmiotest
