@@ -26,6 +26,17 @@
  * and vanish while background discovery runs (KM_IO_SetGlobalOptions,
  * KM_IO_SetEventCallback).
  *
+ * Trust
+ * -----
+ * Discovery is unauthenticated. Any host on the local network can answer or
+ * announce itself with any serial number, device type and port, and a
+ * "network:sn:" locator connects to whichever device answered for that serial
+ * number. Where that matters, open devices by address
+ * ("network:192.168.1.20:55550", an address the application knows from its
+ * own configuration) or check the device's identity over the connection
+ * before trusting it; treat discovery events and listings as hints, and
+ * restrict discovery to trusted interfaces ("iface", "discovery-iface").
+ *
  * Result codes
  * ------------
  * Every function returns a uint32_t result code: KM_IO_OK (0) on success or one
