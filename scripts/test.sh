@@ -3,19 +3,21 @@
 # then builds and runs it again under AddressSanitizer and
 # UndefinedBehaviorSanitizer, and once more under ThreadSanitizer (the library
 # is threads and locks throughout: TSan finds lock-order cycles that no
-# single run would hit). Exits non-zero on any failure.
+# single run would hit), and last runs every fuzz target for a short while.
+# Exits non-zero on any failure.
 #
 # With arguments, runs only the named stages, in the order given, for
 # example `scripts/test.sh default` while iterating on Linux code:
 #   default  the suite in the release build
 #   asan     the suite under AddressSanitizer and UndefinedBehaviorSanitizer
 #   tsan     the suite under ThreadSanitizer
+#   fuzz     scripts/test-fuzz.sh: each libFuzzer target for about 20 s
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(default asan tsan)
+all_stages=(default asan tsan fuzz)
 stages=("$@")
 if ((${#stages[@]} == 0)); then
     stages=("${all_stages[@]}")
@@ -45,6 +47,7 @@ for stage in "${stages[@]}"; do
     fi
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
+    fuzz) scripts/test-fuzz.sh ;;
     *)
         echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
         exit 2
