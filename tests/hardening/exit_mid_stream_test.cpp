@@ -3,14 +3,12 @@
 // it takes the locator, so each link only has to supply an echoing peer.
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <thread>
+#include <string>
+#include <vector>
 
 #include "support/child_process.h"
-#include "support/pty_pair.h"
+#include "support/echoing_pty.h"
 #include "support/tcp_peer.h"
 
 namespace kmiotest {
@@ -37,36 +35,6 @@ TEST(ExitMidStream, NetworkDeviceReceiving) {
         expectNormalExit("network:127.0.0.1:" + std::to_string(peer.port()), "", endCallbackThreads);
     }
 }
-
-// A terminal that echoes what the program sends, for as long as it lives.
-class EchoingPty {
-public:
-    EchoingPty() : thread_([this] { echo(); }) {}
-    ~EchoingPty() {
-        stop_ = true;
-        thread_.join();
-    }
-    std::string locator() const { return pty_.locator(); }
-
-private:
-    void echo() {
-        char buffer[4096];
-        while (!stop_) {
-            pollfd ready{pty_.master.get(), POLLIN, 0};
-            if (::poll(&ready, 1, 20) <= 0 || (ready.revents & POLLIN) == 0) {
-                continue;
-            }
-            const ssize_t n = ::read(pty_.master.get(), buffer, sizeof buffer);
-            if (n > 0) {
-                (void)!::write(pty_.master.get(), buffer, static_cast<std::size_t>(n));
-            }
-        }
-    }
-
-    PtyPair pty_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
 
 TEST(ExitMidStream, SerialDeviceReceiving) {
     // A terminal per run: the program ends holding its port exclusively.
