@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -167,6 +168,7 @@ public:
         simulator_ = &simulator;
         const std::size_t threadsBefore = kmiotest::threadCount();
         const std::size_t descriptorsBefore = kmiotest::descriptorCount();
+        const std::map<int, std::string> targetsBefore = kmiotest::descriptorTargets();
         const auto started = Clock::now();
         KM_IO_SetEventCallback(&onEvent, nullptr);
         std::atomic<bool> stop{false};
@@ -206,8 +208,14 @@ public:
                  " after");
         }
         if (descriptorsAfter != descriptorsBefore) {
+            std::string extra;
+            for (const auto& [fd, target] : kmiotest::descriptorTargets()) {
+                if (targetsBefore.find(fd) == targetsBefore.end() || targetsBefore.at(fd) != target) {
+                    extra += " " + std::to_string(fd) + "=" + target;
+                }
+            }
             fail("descriptors: " + std::to_string(descriptorsBefore) + " before, " +
-                 std::to_string(descriptorsAfter) + " after");
+                 std::to_string(descriptorsAfter) + " after; new:" + extra);
         }
         for (const auto& stream : streams_) {
             if (stream->disordered) {

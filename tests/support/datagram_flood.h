@@ -41,7 +41,6 @@ public:
 
 private:
     void run() {
-        const kmio::UniqueFd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         std::mt19937 random(20261123);
         std::vector<std::uint8_t> oversized(settings_.oversizedBytes, 0xA5);
         std::vector<std::uint8_t> garbage(200);
@@ -49,13 +48,13 @@ private:
         while (!stop_) {
             for (int i = 0; i < settings_.perPortPerTick; ++i) {
                 for (const std::uint16_t port : ports) {
-                    send(socket, port, oversized);
+                    send(port, oversized);
                     if (settings_.garbage) {
                         garbage.resize(random() % 200);
                         for (std::uint8_t& byte : garbage) {
                             byte = static_cast<std::uint8_t>(random());
                         }
-                        send(socket, port, garbage);
+                        send(port, garbage);
                     }
                 }
             }
@@ -63,18 +62,21 @@ private:
         }
     }
 
-    void send(const kmio::UniqueFd& socket, std::uint16_t port, const std::vector<std::uint8_t>& bytes) {
+    void send(std::uint16_t port, const std::vector<std::uint8_t>& bytes) {
         sockaddr_in to{};
         to.sin_family = AF_INET;
         to.sin_port = htons(port);
         to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::sendto(socket.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+        if (::sendto(socket_.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
                      sizeof to) >= 0) {
             ++sent_;
         }
     }
 
     const Settings settings_;
+    // Made before the thread starts, so that it counts among the descriptors
+    // open when the flood's constructor returns.
+    const kmio::UniqueFd socket_{::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)};
     std::atomic<bool> stop_{false};
     std::atomic<std::size_t> sent_{0};
     std::thread thread_;

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <string>
 #include <thread>
 
@@ -25,7 +27,10 @@ public:
     std::string locator() const { return pty_.locator(); }
 
 private:
+    // Writes wait for room only while the object lives: once nothing reads
+    // the device side any more (its program ended), the echo is dropped.
     void echo() {
+        ::fcntl(pty_.master.get(), F_SETFL, ::fcntl(pty_.master.get(), F_GETFL) | O_NONBLOCK);
         char buffer[4096];
         while (!stop_) {
             pollfd ready{pty_.master.get(), POLLIN, 0};
@@ -33,8 +38,17 @@ private:
                 continue;
             }
             const ssize_t n = ::read(pty_.master.get(), buffer, sizeof buffer);
-            for (ssize_t done = 0, written = 0; done < n && written >= 0; done += written) {
-                written = ::write(pty_.master.get(), buffer + done, static_cast<std::size_t>(n - done));
+            for (ssize_t done = 0; done < n && !stop_;) {
+                const ssize_t written =
+                    ::write(pty_.master.get(), buffer + done, static_cast<std::size_t>(n - done));
+                if (written > 0) {
+                    done += written;
+                } else if (errno == EAGAIN) {
+                    pollfd room{pty_.master.get(), POLLOUT, 0};
+                    ::poll(&room, 1, 20);
+                } else {
+                    break;
+                }
             }
         }
     }
