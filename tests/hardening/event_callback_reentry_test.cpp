@@ -13,7 +13,8 @@ namespace {
 struct Reentry {
     std::mutex mutex;
     std::condition_variable done;
-    bool called = false;
+    bool entered = false;  // the callback began its calls
+    bool called = false;   // and came back from them
     std::uint32_t networkListing = 0xFFFFFFFF;
     std::uint32_t serialListing = 0xFFFFFFFF;
     std::string openFailure;
@@ -31,9 +32,10 @@ void callback(void* user, std::uint32_t, const KM_IO_Event* event) {
     }
     {
         const std::lock_guard lock(reentry->mutex);
-        if (reentry->called) {
+        if (reentry->entered) {
             return;
         }
+        reentry->entered = true;
     }
     std::vector<char> buffer(1 << 16);
     size = buffer.size();
@@ -74,8 +76,9 @@ TEST(EventCallbackReentry, DiscoveryCallsFromTheCallbackReturnAtOnce) {
             }
             std::unique_lock lock(reentry.mutex);
             if (!reentry.done.wait_for(lock, 15s, [&] { return reentry.called; })) {
-                std::fprintf(stderr, "the callback never came back from its calls\n");
-                return 2;
+                std::fprintf(stderr, reentry.entered ? "the callback never came back from its calls\n"
+                                                     : "no event arrived from kmio-sim\n");
+                return reentry.entered ? 2 : 4;
             }
             std::fprintf(stderr, "network listing %u, serial listing %u, open %s\n", reentry.networkListing,
                          reentry.serialListing, reentry.openFailure.c_str());
