@@ -43,7 +43,7 @@ constexpr int kNetworkDevices = 3;
 constexpr int kSerialDevices = 3;
 
 struct Settings {
-    int rounds = 4000;
+    int rounds = 20000;
     unsigned seed = 20261123;
     int firstPort = 56800;
 };
