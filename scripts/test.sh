@@ -3,7 +3,8 @@
 # then builds and runs it again under AddressSanitizer and
 # UndefinedBehaviorSanitizer, and once more under ThreadSanitizer (the library
 # is threads and locks throughout: TSan finds lock-order cycles that no
-# single run would hit). Exits non-zero on any failure.
+# single run would hit), and last runs every fuzz target for a short while.
+# Exits non-zero on any failure.
 #
 # With arguments, runs only the named stages, in the order given, for
 # example `scripts/test.sh default` while iterating on Linux code:
@@ -14,12 +15,13 @@
 #            the Python package's tests (needs the default build)
 #   windows  the Windows cross-build, its checks and its suite under Wine
 #            (scripts/test-windows.sh)
+#   fuzz     scripts/test-fuzz.sh: each libFuzzer target for about 20 s
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(default asan tsan packaging)
+all_stages=(default asan tsan packaging fuzz)
 stages=("$@")
 if ((${#stages[@]} == 0)); then
     stages=("${all_stages[@]}")
@@ -51,6 +53,7 @@ for stage in "${stages[@]}"; do
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
     packaging) scripts/test-packaging.sh build/default ;;
     windows) scripts/test-windows.sh ;;
+    fuzz) scripts/test-fuzz.sh ;;
     *)
         echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
         exit 2

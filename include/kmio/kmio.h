@@ -26,6 +26,17 @@
  * and vanish while background discovery runs (KM_IO_SetGlobalOptions,
  * KM_IO_SetEventCallback).
  *
+ * Trust
+ * -----
+ * Discovery is unauthenticated. Any host on the local network can answer or
+ * announce itself with any serial number, device type and port, and a
+ * "network:sn:" locator connects to whichever device answered for that serial
+ * number. Where that matters, open devices by address
+ * ("network:192.168.1.20:55550", an address the application knows from its
+ * own configuration) or check the device's identity over the connection
+ * before trusting it; treat discovery events and listings as hints, and
+ * restrict discovery to trusted interfaces ("iface", "discovery-iface").
+ *
  * Result codes
  * ------------
  * Every function returns a uint32_t result code: KM_IO_OK (0) on success or one
@@ -182,19 +193,20 @@
  * Lifecycle
  * ---------
  * There is no initialisation call and no close-all. The handle table and the
- * discovery cache are made on first use and destroyed with the library's
- * static objects, when the process exits or the library is unloaded.
+ * discovery cache are made on first use and are never destroyed: a program
+ * may end with devices open and data arriving, and nothing in the library
+ * runs down at exit under threads that are still using it.
  *  - Open devices are not closed for you. Their receiving threads keep the
  *    devices alive and run until the process ends, and may call onReceive and
  *    onError while the process shuts down. Close every device, with wait
- *    non-zero, before returning from main or unloading the library; unloading
- *    (dlclose, FreeLibrary) with a device open leaves its thread running code
- *    that is gone.
+ *    non-zero, before unloading the library: unloading (dlclose,
+ *    FreeLibrary) with a device open leaves its thread running code that is
+ *    gone.
  *  - Discovery threads (one per interface that background discovery or an
- *    enumeration has used) run until the library's static objects are
- *    destroyed, which stops and joins them; until then they may call the event
- *    callback. KM_IO_SetGlobalOptions("discovery-iface network:none") ends
- *    them earlier, and KM_IO_SetEventCallback(NULL, NULL) stops the events.
+ *    enumeration has used) run until the process ends and may call the event
+ *    callback until then. KM_IO_SetGlobalOptions("discovery-iface
+ *    network:none") ends them earlier, and KM_IO_SetEventCallback(NULL, NULL)
+ *    stops the events.
  */
 #ifndef KMIO_KMIO_H
 #define KMIO_KMIO_H
@@ -427,7 +439,9 @@ KM_IO_API uint32_t KM_IO_CALL KM_IO_GetProperty(uint32_t handle, const char *key
  * KM_IO_SetEventCallback or KM_IO_SetGlobalOptions: such a call fails with a
  * C++ std::system_error (resource deadlock would occur) thrown through the
  * caller. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
- * called.
+ * called. KM_IO_EnumerateDevices may be called, but a listing that includes
+ * the network link returns KM_IO_ERR_ENUMERATION_FAILED at once: a discovery
+ * pass ends by raising events, which would wait for the callback to return.
  *
  * @param callback the event function; null switches events off.
  * @param userData passed back unchanged as the callback's first argument and
@@ -509,7 +523,9 @@ KM_IO_API uint32_t KM_IO_CALL KM_IO_CanEnumerateDevices(uint32_t interfaceType, 
  *                must not be null.
  * @return KM_IO_OK; KM_IO_ERR_NOT_SUPPORTED for other interface types;
  *         KM_IO_ERR_BAD_OPTIONS; KM_IO_ERR_BUFFER_TOO_SMALL;
- *         KM_IO_ERR_ENUMERATION_FAILED; KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
+ *         KM_IO_ERR_ENUMERATION_FAILED (also at once when called from the
+ *         event callback with the network link selected);
+ *         KM_IO_ERR_DRIVER_UNAVAILABLE (USB only).
  */
 KM_IO_API uint32_t KM_IO_CALL KM_IO_EnumerateDevices(uint32_t interfaceType, const char *options, char *buffer,
                                           size_t *ioSize);

@@ -5,6 +5,7 @@
 #include "discovery/exceptions.h"
 #include "platform/error_text.h"
 #include "platform/interface_addresses.h"
+#include "platform/netmask.h"
 
 namespace kalometnd {
 
@@ -39,7 +40,8 @@ std::vector<AdapterInfo> listAdapters() {
         info.friendlyName = friendlyName(entry.name);
         info.adapterName = std::move(entry.name);
         info.address = entry.address;
-        info.netmask = entry.netmask;
+        // The mask goes through its prefix length, by the interface list's rule.
+        info.netmask = kmio::netmaskOfPrefixLength(kmio::prefixLengthOfNetmask(entry.netmask));
         adapters.push_back(std::move(info));
     }
     return adapters;

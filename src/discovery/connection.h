@@ -39,7 +39,9 @@ public:
     // Waits up to timeoutMs for one datagram on any channel. Returns false on
     // time-out or when closed; otherwise fills the bytes, the channel's id and
     // the sender's IPv4 address (host order; 0 when not IPv4). Throws
-    // NetworkException on socket failures.
+    // NetworkException on socket failures, DatagramDroppedException when the
+    // failed receive took its datagram off the socket (one longer than the
+    // 1024-byte buffer), so that the caller can read on at once.
     virtual bool receive(std::vector<std::uint8_t>& data, unsigned& networkId, std::uint32_t& sourceAddress,
                          int timeoutMs) = 0;
 

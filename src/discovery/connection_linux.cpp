@@ -190,7 +190,8 @@ private:
                 throwSystem("Could not receive datagram", errno);
             }
             if (static_cast<std::size_t>(got) > sizeof buffer) {
-                throwSystem("Could not receive datagram", EMSGSIZE);
+                throw DatagramDroppedException("Could not receive datagram: " +
+                                               kmio::systemErrorText(EMSGSIZE));
             }
             data.assign(buffer, buffer + got);
             networkId = static_cast<unsigned>(k);

@@ -14,9 +14,10 @@ struct DiscoveryLog {
     std::shared_ptr<const LogSink> sink;  // null while no sink is installed
 };
 
+// Never destroyed: host threads may write to it while the process exits.
 DiscoveryLog& theLog() {
-    static DiscoveryLog log;
-    return log;
+    static auto* const log = new DiscoveryLog;
+    return *log;
 }
 
 std::shared_ptr<const LogSink> currentSink() {

@@ -29,6 +29,14 @@ public:
     using KalometNDException::KalometNDException;
 };
 
+// A receive that failed on a datagram it took off the socket (one longer than
+// the receive buffer): the socket itself is sound, so the next receive can
+// follow at once.
+class DatagramDroppedException : public NetworkException {
+public:
+    using NetworkException::NetworkException;
+};
+
 // A peer sent something the protocol does not allow.
 class ProtocolException : public KalometNDException {
 public:

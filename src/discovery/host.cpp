@@ -14,8 +14,8 @@ namespace kalometnd {
 
 namespace {
 
-// After a receive failure the thread pauses briefly, so that a persistent
-// socket error cannot make it spin.
+// A receive that fails again without taking anything off the socket (a dead
+// socket) makes the thread pause briefly, so that it cannot spin.
 constexpr auto kPauseAfterError = std::chrono::milliseconds(50);
 
 template <typename Table>
@@ -172,6 +172,7 @@ void Host::removeListener(ListenerId id) {
 
 void Host::receiveLoop(std::shared_ptr<Connection> connection) {
     std::vector<std::uint8_t> datagram;
+    bool failedLastTime = false;
     for (;;) {
         {
             // A thread left behind by a stop from its own listener must not
@@ -184,13 +185,22 @@ void Host::receiveLoop(std::shared_ptr<Connection> connection) {
         try {
             unsigned networkId = 0;
             std::uint32_t source = 0;
-            if (!connection->receive(datagram, networkId, source, kReceiveTimeoutMs)) {
-                continue;
+            const bool received = connection->receive(datagram, networkId, source, kReceiveTimeoutMs);
+            failedLastTime = false;
+            if (received) {
+                handleDatagram(*connection, datagram, networkId, source, kmio::steadyNowNs());
             }
-            handleDatagram(*connection, datagram, networkId, source, kmio::steadyNowNs());
         } catch (const std::exception& e) {
             logLazy(kLogErrors, [&] { return std::string("Host receive failed: ") + e.what(); });
-            std::this_thread::sleep_for(kPauseAfterError);
+            // A flood of oversized datagrams must not make the host deaf:
+            // each failure took its datagram away, so read on at once. Any
+            // other failure gets one immediate retry, then a pause per repeat.
+            if (dynamic_cast<const DatagramDroppedException*>(&e) == nullptr) {
+                if (failedLastTime) {
+                    std::this_thread::sleep_for(kPauseAfterError);
+                }
+                failedLastTime = true;
+            }
         }
     }
 }

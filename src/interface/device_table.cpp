@@ -35,8 +35,9 @@ DeviceTable::DeviceTable(DeviceFactory factory) : factory_(std::move(factory)) {
 DeviceTable::~DeviceTable() = default;
 
 DeviceTable& DeviceTable::instance() {
-    static DeviceTable table(makeDevice);
-    return table;
+    // Left alive at exit on purpose (see the header).
+    static auto* const table = new DeviceTable(makeDevice);
+    return *table;
 }
 
 std::unique_lock<std::mutex> DeviceTable::lockTable() {
@@ -44,8 +45,12 @@ std::unique_lock<std::mutex> DeviceTable::lockTable() {
     return std::unique_lock<std::mutex>(mutex_);
 }
 
+bool DeviceTable::runningEventCallback() const noexcept {
+    return tableInCallback == this;
+}
+
 void DeviceTable::throwIfInEventCallback() const {
-    if (tableInCallback == this) {
+    if (runningEventCallback()) {
         throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur),
                                 "table function called from the event callback");
     }

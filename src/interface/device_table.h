@@ -37,7 +37,9 @@ public:
     DeviceTable& operator=(const DeviceTable&) = delete;
     ~DeviceTable();
 
-    // The process-wide table behind the exported functions, creating real links.
+    // The process-wide table behind the exported functions, creating real
+    // links. It is never destroyed: receiving threads may still run when the
+    // process exits, and must not find the table gone.
     static DeviceTable& instance();
 
     // Opens the device the locator names, then stores it in the lowest free
@@ -75,6 +77,7 @@ public:
     // Throws std::system_error(resource_deadlock_would_occur) when this
     // thread is running this table's event callback and so holds the mutex.
     void throwIfInEventCallback() const;
+    bool runningEventCallback() const noexcept;
 
 private:
     // Locks the mutex, or throws as throwIfInEventCallback does.

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "interface/device_table.h"
 #include "kmio/kmio.h"
 #include "link/result_translation.h"
 #include "network/network_enumeration.h"
@@ -28,6 +29,12 @@ bool named(const std::vector<std::string>& values, std::string_view value) {
 std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view text, char* buffer,
                                 std::size_t* ioSize) {
     const EnumerationOptions options = EnumerationOptions::parse(text);
+    // A discovery pass ends by raising events, which wait for the table mutex
+    // that the event callback's thread holds: from there it would never end.
+    // Refuse before any link is listed.
+    if (options.selects("network") && DeviceTable::instance().runningEventCallback()) {
+        return KM_IO_ERR_ENUMERATION_FAILED;
+    }
     RecordList records;
     // One list per link, appended in the order USB, network, serial; the
     // first link that fails ends the call with its code.

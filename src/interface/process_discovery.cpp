@@ -5,12 +5,16 @@
 namespace kmio {
 
 NetworkDiscovery& processDiscovery() {
-    static NetworkDiscovery cache(
+    // Never destroyed: at exit, host threads and calls on other threads may
+    // still use it, and stopping its channels there could wait for an event
+    // callback that never returns (a program ending mid-stream must not hang
+    // or abort). The table it raises events through is never destroyed either.
+    static auto* const cache = new NetworkDiscovery(
         kalometnd::createConnection, steadyClock(),
         [&table = DeviceTable::instance()](std::uint32_t type, const PropertyRecord& properties) {
             table.raiseEvent(type, properties);
         });
-    return cache;
+    return *cache;
 }
 
 }  // namespace kmio

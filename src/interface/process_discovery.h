@@ -6,9 +6,8 @@ namespace kmio {
 
 // The library's discovery cache, made on first use with its events wired to
 // DeviceTable::instance(): every discovery event reaches the application's
-// event callback through the table. The table is made first, so it outlives
-// the cache, whose destruction at exit stops the host threads that raise
-// events.
+// event callback through the table. Neither is ever destroyed, so host
+// threads still raising events at exit find both in place.
 NetworkDiscovery& processDiscovery();
 
 }  // namespace kmio

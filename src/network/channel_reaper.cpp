@@ -5,40 +5,26 @@
 namespace kmio {
 
 ChannelReaper::~ChannelReaper() {
+    // The worker stops everything queued before it ends.
     std::unique_lock lock(mutex_);
-    ending_ = true;
-    if (thread_.joinable()) {
-        lock.unlock();
-        wake_.notify_one();
-        thread_.join();
-        return;
-    }
-    // No thread was ever needed; stop what might have been queued anyway.
-    std::deque<std::shared_ptr<DiscoverChannel>> left = std::move(queue_);
-    lock.unlock();
-    for (const auto& channel : left) {
-        channel->stop();
-    }
+    idle_.wait(lock, [this] { return !running_; });
 }
 
 void ChannelReaper::retire(std::shared_ptr<DiscoverChannel> channel) {
-    std::unique_lock lock(mutex_);
+    const std::lock_guard lock(mutex_);
     queue_.push_back(std::move(channel));
-    if (!thread_.joinable() && !ending_) {
-        // Started on first need: most processes never remove a channel.
-        thread_ = std::thread([this] { run(); });
+    if (!running_) {
+        // Started when needed and ended when the queue is empty, so that a
+        // thread lives only while there is a channel to stop. Detached: it
+        // ends on its own, and nobody has to be there to join it.
+        std::thread([this] { run(); }).detach();
+        running_ = true;
     }
-    lock.unlock();
-    wake_.notify_one();
 }
 
 void ChannelReaper::run() {
     std::unique_lock lock(mutex_);
-    for (;;) {
-        wake_.wait(lock, [this] { return ending_ || !queue_.empty(); });
-        if (queue_.empty()) {
-            return;  // ending, and nothing left to stop
-        }
+    while (!queue_.empty()) {
         std::shared_ptr<DiscoverChannel> channel = std::move(queue_.front());
         queue_.pop_front();
         lock.unlock();
@@ -46,6 +32,8 @@ void ChannelReaper::run() {
         channel.reset();
         lock.lock();
     }
+    running_ = false;
+    idle_.notify_all();
 }
 
 }  // namespace kmio

@@ -14,13 +14,14 @@ namespace kmio {
 // under the discovery lock, and for the global settings under the table mutex
 // too, while the channel's host thread may be waiting for either inside an
 // event; joining that thread there would never return. The reaper joins it
-// once those locks are free.
+// once those locks are free. Its own thread runs only while the queue holds
+// channels.
 class ChannelReaper {
 public:
     ChannelReaper() = default;
     ChannelReaper(const ChannelReaper&) = delete;
     ChannelReaper& operator=(const ChannelReaper&) = delete;
-    // Stops whatever is still queued, then ends the thread.
+    // Waits until everything queued has been stopped.
     ~ChannelReaper();
 
     // Queues the channel to be stopped and released. Never blocks on a channel.
@@ -30,10 +31,9 @@ private:
     void run();
 
     std::mutex mutex_;
-    std::condition_variable wake_;
+    std::condition_variable idle_;  // signalled when the worker ends
     std::deque<std::shared_ptr<DiscoverChannel>> queue_;
-    bool ending_ = false;
-    std::thread thread_;
+    bool running_ = false;  // a worker thread is emptying the queue
 };
 
 }  // namespace kmio

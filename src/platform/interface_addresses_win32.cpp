@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/interface_addresses.h"
+#include "platform/netmask.h"
 
 namespace kmio {
 
@@ -17,14 +18,6 @@ namespace {
 
 constexpr ULONG kFirstBufferBytes = 15360;
 constexpr ULONG kLargestBufferBytes = 10 * 1024 * 1024;
-
-// The mask of a prefix length as the adapter list has always turned it into
-// one: all ones shifted left by (32 - length) modulo 32, so that a length of
-// 0 gives 255.255.255.255 rather than 0.0.0.0. Applications see this mask in
-// the interface records and in the broadcast address, so it stays.
-std::uint32_t netmaskOfPrefix(unsigned length) {
-    return 0xFFFFFFFFu << ((32 - length) % 32);
-}
 
 // The friendly name is wide text; each character keeps its low byte only.
 std::string narrowed(const wchar_t* text) {
@@ -81,7 +74,7 @@ std::vector<InterfaceAddress> listInterfaceAddresses() {
             item.name = adapter->AdapterName != nullptr ? adapter->AdapterName : "";
             item.friendlyName = narrowed(adapter->FriendlyName);
             item.address = ntohl(reinterpret_cast<const sockaddr_in*>(address)->sin_addr.s_addr);
-            item.netmask = netmaskOfPrefix(unicast->OnLinkPrefixLength);
+            item.netmask = netmaskOfPrefixLength(unicast->OnLinkPrefixLength);
             item.up = up;
             item.running = up && usable;
             item.loopback = adapter->IfType == IF_TYPE_SOFTWARE_LOOPBACK;
