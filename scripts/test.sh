@@ -29,6 +29,15 @@ fi
 
 scripts/install-deps.sh
 
+# Discovery tests bind the fixed ND ports on loopback and listen for every
+# announcement there: run as root, each suite gets a network namespace of its
+# own (loopback only), so other programs on the machine that speak ND cannot
+# answer our requests or take our replies.
+isolated=()
+if [[ $(id -u) -eq 0 ]] && unshare -n true 2>/dev/null; then
+    isolated=(unshare -n sh -c 'ip link set lo up && exec "$@"' isolated)
+fi
+
 run_suite() {
     local preset=$1 filter=${2:-}
     echo "=== ${preset}: configure and build"
@@ -36,9 +45,9 @@ run_suite() {
     cmake --build --preset "${preset}"
     echo "=== ${preset}: test"
     if [[ -n ${filter} ]]; then
-        ctest --preset "${preset}" -j2 --output-on-failure -R "${filter}"
+        "${isolated[@]}" ctest --preset "${preset}" -j2 --output-on-failure -R "${filter}"
     else
-        ctest --preset "${preset}" -j2 --output-on-failure
+        "${isolated[@]}" ctest --preset "${preset}" -j2 --output-on-failure
     fi
 }
 
