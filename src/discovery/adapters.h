@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/interface_addresses.h"
+
 namespace kalometnd {
 
 // One local IPv4 interface address. Addresses are in host order.
@@ -18,5 +20,10 @@ struct AdapterInfo {
 // in the order the system lists them. Throws NetworkException
 // "Could not get interface list: <system message>" when the list cannot be read.
 std::vector<AdapterInfo> listAdapters();
+
+// OS hook (adapters_linux.cpp, adapters_win32.cpp): the name shown to people
+// for an interface of the walk: on Linux its alias when an administrator set
+// one, else its name; on Windows the adapter's friendly name.
+std::string friendlyNameOf(const kmio::InterfaceAddress& entry);
 
 }  // namespace kalometnd
