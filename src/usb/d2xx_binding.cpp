@@ -14,8 +14,9 @@ namespace {
 // stop at the first missing name.
 template <typename F>
 bool resolve(const DynamicLibrary& library, const char* name, F& target) {
-    // Converting an object pointer from dlsym to a function pointer is how
-    // the loader hands out functions; POSIX guarantees it works.
+    // DynamicLibrary hands out every symbol as an object pointer (dlsym's
+    // own type); converting it back to the function's type is how both
+    // POSIX and Windows loaders are meant to be used.
     target = reinterpret_cast<F>(library.symbol(name));
     return target != nullptr;
 }
