@@ -89,6 +89,13 @@ run_width() {
             status=1
             echo "Test #0: windows.exports_and_imports ...***Failed 0 sec" >"${log}"
         fi
+        if sh tests/windows/check_ftdi_sim.sh "$(objdump_of "${preset}")" "${build}/ftdi-sim/ftd2xx.dll" \
+            "${build}/ftdi-sim-chipid/FTChipID.dll"; then
+            echo "Test #1: windows.ftdi_sim_exports ... Passed 0 sec" >>"${log}"
+        else
+            status=1
+            echo "Test #1: windows.ftdi_sim_exports ...***Failed 0 sec" >>"${log}"
+        fi
     else
         local prefix=${PWD}/${build}/wineprefix
         echo "=== ${preset}: fresh Wine prefix"

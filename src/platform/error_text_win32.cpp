@@ -23,12 +23,8 @@ std::string systemErrorText(int error) {
 }
 
 // WinSock reports through the same per-thread value (WSAGetLastError reads it).
-int lastSystemError() {
-    return static_cast<int>(::GetLastError());
-}
-
 std::string lastSystemErrorText() {
-    return systemErrorText(lastSystemError());
+    return systemErrorText(static_cast<int>(::GetLastError()));
 }
 
 }  // namespace kmio

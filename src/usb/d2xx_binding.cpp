@@ -2,7 +2,9 @@
 
 #include <utility>
 
+#include "platform/scoped_critical_error_mode.h"
 #include "usb/chip_id.h"
+#include "usb/d2xx_library_names.h"
 
 namespace kmio {
 
@@ -12,8 +14,9 @@ namespace {
 // stop at the first missing name.
 template <typename F>
 bool resolve(const DynamicLibrary& library, const char* name, F& target) {
-    // Converting an object pointer from dlsym to a function pointer is how
-    // the loader hands out functions; POSIX guarantees it works.
+    // DynamicLibrary hands out every symbol as an object pointer (dlsym's
+    // own type); converting it back to the function's type is how both
+    // POSIX and Windows loaders are meant to be used.
     target = reinterpret_cast<F>(library.symbol(name));
     return target != nullptr;
 }
@@ -26,8 +29,16 @@ D2xxBinding::D2xxBinding(std::string driverLibrary, std::string chipIdLibrary)
 bool D2xxBinding::load() {
     std::lock_guard lock(mutex_);
     if (state_ == State::NotTried) {
-        driver_ = DynamicLibrary(driverName_);
-        chipId_ = DynamicLibrary(chipIdName_);
+        {
+            // A broken driver installation must fail the load, not stop the
+            // host program with a dialog box.
+            const ScopedCriticalErrorMode errorMode;
+            if (!errorMode.active()) {
+                return false;  // the system could not be asked; not final
+            }
+            driver_ = DynamicLibrary(driverName_);
+            chipId_ = DynamicLibrary(chipIdName_);
+        }
         state_ = driver_ && resolveAll() ? State::Loaded : State::Failed;
         if (state_ == State::Failed) {
             api_ = {};
@@ -84,7 +95,7 @@ d2xx::FT_STATUS D2xxBinding::numDevices(std::uint32_t& count) const {
 }
 
 D2xxBinding& D2xxBinding::process() {
-    static D2xxBinding* const binding = new D2xxBinding("libftd2xx.so", "libftchipid.so");
+    static D2xxBinding* const binding = new D2xxBinding(kD2xxDriverLibraryName, kD2xxChipIdLibraryName);
     return *binding;
 }
 

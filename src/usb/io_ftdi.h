@@ -44,8 +44,10 @@ namespace kmio {
 // KM_IO_ERR_LINK_LOST on the driver's I/O error, KM_IO_ERR_SEND_FAILED on any
 // other failure or when time runs out. 0 bytes succeed without a driver call.
 //
-// close() sets the stop flag under the receive event's lock and signals the
-// event, so the thread ends within milliseconds whatever "health-check" is.
+// close() requests the stop through the receive thread's wait (on Linux a
+// flag under the receive event's lock and a signal, on Windows a stop event
+// waited together with the receive event), so the thread ends within
+// milliseconds whatever "health-check" is.
 class IoFtdi final : public IoDevice {
 public:
     // The cache (and with it the driver binding and the USB mutex) defaults
@@ -78,8 +80,9 @@ private:
     // Reports a link failure, then waits only for the stop request.
     void reportAndIdle(std::uint32_t code);
 
-    // Operating-system layer (io_ftdi_linux.cpp): the receive event handed
-    // to FT_SetEventNotification, and the stop request that shares it.
+    // Operating-system layer (io_ftdi_linux.cpp, io_ftdi_win32.cpp): the
+    // receive event handed to FT_SetEventNotification, and the stop request
+    // that the receive thread waits for together with it.
     //
     // Creates the event, not signalled, with the stop flag clear; false when
     // the system refuses. Called once, before notification is set.
@@ -91,7 +94,7 @@ private:
     // The driver says nothing about why it signalled, so Received only means
     // "look at the queue again"; a failure of the wait itself is Failed.
     Wake waitForReceiveEvent(std::uint32_t timeoutMs);
-    // Sets the stop flag under the event's lock and wakes the waiting thread.
+    // Marks the stop as requested and wakes the waiting thread.
     // Safe to call from any thread, before or after the thread started, and
     // when the event was never created.
     void requestStop();

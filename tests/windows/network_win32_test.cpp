@@ -11,6 +11,13 @@ namespace {
 
 using kmiotest::raw;
 
+// The locators here name hosts: no serial number is ever looked up.
+kmio::SerialNumberResolver noDevices() {
+    return [](const std::string&, const kmio::NetworkOpenOptions&, kmio::DiscoveredAddress&) {
+        return KM_IO_ERR_NOT_FOUND;
+    };
+}
+
 struct Connected {
     kmio::Socket listener = kmiotest::loopbackSocket(SOCK_STREAM);
     kmiotest::Sink sink;
@@ -21,7 +28,7 @@ struct Connected {
         ::listen(raw(listener), 1);
         const std::string locator = "network:127.0.0.1:" + std::to_string(kmiotest::localPort(listener));
         device = std::make_shared<kmio::IoNetwork>(locator, options, &sink, kmiotest::Sink::onReceive,
-                                                   kmiotest::Sink::onError);
+                                                   kmiotest::Sink::onError, noDevices());
         const std::uint32_t result = device->open(device);
         if (result == KM_IO_OK) {
             peer.reset(static_cast<kmio::Socket::Native>(::accept(raw(listener), nullptr, nullptr)));
@@ -76,15 +83,17 @@ TEST(IoNetworkWin32, NoListenerWithinTheTimeoutIsNotFound) {
     const kmio::Socket idle = kmiotest::loopbackSocket(SOCK_STREAM);
     kmiotest::Sink sink;
     const std::string locator = "network:127.0.0.1:" + std::to_string(kmiotest::localPort(idle));
-    const auto device = std::make_shared<kmio::IoNetwork>(locator, "connect-timeout 300", &sink,
-                                                          kmiotest::Sink::onReceive, kmiotest::Sink::onError);
+    const auto device =
+        std::make_shared<kmio::IoNetwork>(locator, "connect-timeout 300", &sink, kmiotest::Sink::onReceive,
+                                          kmiotest::Sink::onError, noDevices());
     EXPECT_EQ(device->open(device), KM_IO_ERR_NOT_FOUND);
 }
 
 TEST(IoNetworkWin32, UnknownHostIsNotFound) {
     kmiotest::Sink sink;
-    const auto device = std::make_shared<kmio::IoNetwork>("network:no-such-host.invalid:4000", "", &sink,
-                                                          kmiotest::Sink::onReceive, kmiotest::Sink::onError);
+    const auto device =
+        std::make_shared<kmio::IoNetwork>("network:no-such-host.invalid:4000", "", &sink,
+                                          kmiotest::Sink::onReceive, kmiotest::Sink::onError, noDevices());
     EXPECT_EQ(device->open(device), KM_IO_ERR_NOT_FOUND);
 }
 

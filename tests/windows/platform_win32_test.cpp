@@ -1,5 +1,6 @@
-// The Windows platform twins: wake-up event, error text, adapter list, and
-// the driver structures' layout per width.
+// The Windows platform twins: wake-up event, error text, adapter list,
+// run-time library loading with the error mode, and the driver structures'
+// layout per width.
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -8,8 +9,10 @@
 #include <cstddef>
 
 #include "discovery/adapters.h"
+#include "platform/dynamic_library.h"
 #include "platform/error_text.h"
 #include "platform/interface_addresses.h"
+#include "platform/scoped_critical_error_mode.h"
 #include "platform/wake_event.h"
 #include "usb/d2xx_types.h"
 
@@ -46,7 +49,39 @@ TEST(ErrorTextWin32, IsTheSystemMessageWithoutTheLineBreak) {
     EXPECT_EQ(text.find_first_of("\r\n"), std::string::npos);
 
     ::SetLastError(ERROR_ACCESS_DENIED);
-    EXPECT_EQ(kmio::lastSystemError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(kmio::lastSystemErrorText(), kmio::systemErrorText(ERROR_ACCESS_DENIED));
+    EXPECT_NE(kmio::lastSystemErrorText(), text);
+}
+
+TEST(DynamicLibraryWin32, LoadsFindsExportsAndTellsWhyALoadFailed) {
+    const kmio::DynamicLibrary kernel32("kernel32.dll");
+    ASSERT_TRUE(kernel32.loaded()) << kernel32.error();
+    EXPECT_EQ(kernel32.symbol("GetTickCount"),
+              reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleA("kernel32.dll"), "GetTickCount")));
+    EXPECT_EQ(kernel32.symbol("NoSuchExportAnywhere"), nullptr);
+
+    kmio::DynamicLibrary moved = kmio::DynamicLibrary("kernel32.dll");
+    EXPECT_TRUE(moved.loaded());
+
+    const kmio::DynamicLibrary missing("kmio-no-such-library.dll");
+    EXPECT_FALSE(missing.loaded());
+    EXPECT_EQ(missing.symbol("GetTickCount"), nullptr);
+    EXPECT_NE(missing.error().find("kmio-no-such-library.dll: "), std::string::npos) << missing.error();
+    EXPECT_GT(missing.error().size(), std::string("kmio-no-such-library.dll: ").size());
+}
+
+// The thread's mode is set for the scope only and comes back as it was, not
+// as a default.
+TEST(ScopedCriticalErrorModeWin32, FailsCriticalErrorsInItsScopeOnly) {
+    DWORD original = 0;
+    ASSERT_TRUE(::SetThreadErrorMode(SEM_NOGPFAULTERRORBOX, &original));
+    {
+        const kmio::ScopedCriticalErrorMode mode;
+        ASSERT_TRUE(mode.active());
+        EXPECT_EQ(::GetThreadErrorMode(), static_cast<DWORD>(SEM_FAILCRITICALERRORS));
+    }
+    EXPECT_EQ(::GetThreadErrorMode(), static_cast<DWORD>(SEM_NOGPFAULTERRORBOX));
+    ::SetThreadErrorMode(original, nullptr);
 }
 
 TEST(InterfaceAddressesWin32, ListLoopbackMarkedAndAdaptersLeaveItOut) {

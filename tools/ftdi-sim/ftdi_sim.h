@@ -1,6 +1,8 @@
-/* Control interface of the simulated FTDI D2XX driver (libftd2xx.so built by
- * this project). Tests and tools reach these functions through the same
- * loaded instance the library uses: dlopen("libftd2xx.so") and dlsym.
+/* Control interface of the simulated FTDI D2XX driver (libftd2xx.so, on
+ * Windows ftd2xx.dll, built by this project). Tests and tools reach these
+ * functions through the same loaded instance the library uses:
+ * dlopen("libftd2xx.so") and dlsym, or LoadLibraryA("ftd2xx.dll") and
+ * GetProcAddress.
  *
  * Chips are named by serial number. Every function is thread-safe and
  * returns 0 on success and -1 on failure (unknown serial, bad line), unless
@@ -28,9 +30,10 @@
  *   echo=1|0                   written bytes come back (1, default) or are kept for FtdiSim_TakeWritten
  *
  * The simulator signals a handle's EVENT_HANDLE (lock eMutex, signal
- * eCondVar, unlock) from the thread that adds received bytes, without holding
- * its own lock, so a program may call the driver while holding eMutex. It
- * must not call FT_Close or FT_SetEventNotification while holding eMutex.
+ * eCondVar, unlock; on Windows it sets the event handle instead) from the
+ * thread that adds received bytes, without holding its own lock, so a
+ * program may call the driver while holding eMutex. It must not call
+ * FT_Close or FT_SetEventNotification while holding eMutex.
  */
 #ifndef KMIO_FTDI_SIM_H
 #define KMIO_FTDI_SIM_H

@@ -1,0 +1,8 @@
+#include "usb/d2xx_library_names.h"
+
+namespace kmio {
+
+const char* const kD2xxDriverLibraryName = "ftd2xx.dll";
+const char* const kD2xxChipIdLibraryName = "FTChipID.dll";
+
+}  // namespace kmio
