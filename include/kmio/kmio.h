@@ -107,6 +107,12 @@
  * and does not fail, so a machine without the driver still lists its network
  * and serial devices.
  *
+ * On Windows the driver is "ftd2xx.dll" and the chip-ID library
+ * "FTChipID.dll", both loaded with LoadLibraryA under the thread error mode
+ * that suppresses the system's error dialog; there both are required, and a
+ * missing FTChipID.dll makes the driver unavailable for the life of the
+ * process, as a missing driver does.
+ *
  * Locators: "usb:sn:SERIAL"; "usb:id:CHIPID" (decimal; resolved through the
  * KM_IO_IFACE_USB list, so "product-name" options narrow it: an id of 0 or
  * one no listed device has gives KM_IO_ERR_NOT_FOUND, a device listed with

@@ -23,8 +23,10 @@ bool resolve(const DynamicLibrary& library, const char* name, F& target) {
 
 }  // namespace
 
-D2xxBinding::D2xxBinding(std::string driverLibrary, std::string chipIdLibrary)
-    : driverName_(std::move(driverLibrary)), chipIdName_(std::move(chipIdLibrary)) {}
+D2xxBinding::D2xxBinding(std::string driverLibrary, std::string chipIdLibrary, bool chipIdRequired)
+    : driverName_(std::move(driverLibrary)),
+      chipIdName_(std::move(chipIdLibrary)),
+      chipIdRequired_(chipIdRequired) {}
 
 bool D2xxBinding::load() {
     std::lock_guard lock(mutex_);
@@ -39,7 +41,7 @@ bool D2xxBinding::load() {
             driver_ = DynamicLibrary(driverName_);
             chipId_ = DynamicLibrary(chipIdName_);
         }
-        state_ = driver_ && resolveAll() ? State::Loaded : State::Failed;
+        state_ = driver_ && (chipId_ || !chipIdRequired_) && resolveAll() ? State::Loaded : State::Failed;
         if (state_ == State::Failed) {
             api_ = {};
             chipId_ = {};
@@ -95,7 +97,8 @@ d2xx::FT_STATUS D2xxBinding::numDevices(std::uint32_t& count) const {
 }
 
 D2xxBinding& D2xxBinding::process() {
-    static D2xxBinding* const binding = new D2xxBinding(kD2xxDriverLibraryName, kD2xxChipIdLibraryName);
+    static D2xxBinding* const binding =
+        new D2xxBinding(kD2xxDriverLibraryName, kD2xxChipIdLibraryName, kD2xxChipIdLibraryRequired);
     return *binding;
 }
 

@@ -54,8 +54,10 @@ struct D2xxEntryPoints {
 class D2xxBinding {
 public:
     // Library names as handed to DynamicLibrary: a bare name is searched on
-    // the loader's path, a name with a folder is taken as it stands.
-    D2xxBinding(std::string driverLibrary, std::string chipIdLibrary);
+    // the loader's path, a name with a folder is taken as it stands. With
+    // chipIdRequired, a chip-ID library that does not load fails the load for
+    // good, as a missing driver does.
+    D2xxBinding(std::string driverLibrary, std::string chipIdLibrary, bool chipIdRequired = false);
     D2xxBinding(const D2xxBinding&) = delete;
     D2xxBinding& operator=(const D2xxBinding&) = delete;
 
@@ -89,6 +91,7 @@ private:
 
     const std::string driverName_;
     const std::string chipIdName_;
+    const bool chipIdRequired_;
     std::mutex mutex_;
     State state_ = State::NotTried;
     DynamicLibrary driver_;

@@ -4,5 +4,6 @@ namespace kmio {
 
 const char* const kD2xxDriverLibraryName = "ftd2xx.dll";
 const char* const kD2xxChipIdLibraryName = "FTChipID.dll";
+const bool kD2xxChipIdLibraryRequired = true;
 
 }  // namespace kmio

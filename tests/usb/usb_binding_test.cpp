@@ -71,5 +71,15 @@ TEST_F(UsbBindingTest, ALoadThatFailsIsNotTriedAgain) {
     EXPECT_FALSE(wrongChipId.load());
 }
 
+// Where the chip-ID library is part of the driver's installation (Windows),
+// the driver alone is not enough, and that verdict stands too.
+TEST_F(UsbBindingTest, ARequiredChipIdLibraryThatIsMissingFailsTheLoad) {
+    D2xxBinding required("libftd2xx.so", "libkmio-no-such-chipid.so", true);
+    EXPECT_FALSE(required.load());
+    EXPECT_FALSE(required.load());
+    D2xxBinding present("libftd2xx.so", KMIO_SIM_CHIPID_LIBRARY, true);
+    EXPECT_TRUE(present.load());
+}
+
 }  // namespace
 }  // namespace kmiotest
