@@ -231,7 +231,7 @@
 #define KM_IO_API __attribute__((visibility("default")))
 #endif
 
-/*
+/**
  * Calling convention of the exported functions and of the three callbacks.
  * On 32-bit Windows it is __cdecl, the C compilers' default: the export table
  * then carries the plain names (KM_IO_Open, not _KM_IO_Open@28), and callers
@@ -242,7 +242,7 @@
 #if defined(_WIN32) && !defined(_WIN64)
 #define KM_IO_CALL __cdecl
 #else
-#define KM_IO_CALL
+#define KM_IO_CALL /**< empty: the platform has one calling convention */
 #endif
 
 #ifdef __cplusplus
