@@ -1,17 +1,23 @@
 // Soak: for a fixed number of rounds, opens and closes devices on every link
 // at random with data flowing (network devices of kmio-sim on 127.0.0.1, by
 // address and by serial number; serial devices on pseudo-terminals that
-// echo), while other threads list devices and change the global discovery
-// options, events arrive, and a hostile peer floods the discovery ports with
-// oversized and garbage datagrams. Then checks that every byte came back once
-// and in order, and that the process's descriptors (/proc/self/fd) and
-// threads (/proc/self/task) are back where they started.
+// echo; USB devices on echoing chips of the simulated FTDI driver, by serial
+// number and by chip id), while other threads list devices (which probes the
+// USB chips nobody has open) and change the global discovery options, events
+// arrive, and a hostile peer floods the discovery ports with oversized and
+// garbage datagrams. Then checks that every byte came back once and in
+// order, and that the process's descriptors (/proc/self/fd) and threads
+// (/proc/self/task) are back where they started.
 //
 //   kmio-soak [--short] [--rounds N] [--seed N] [--first-port PORT]
 //
 // --short runs a few seconds (the test suite runs it under the sanitizers);
 // the default is the long run. Prints rounds per second, peak threads and
 // peak descriptors. Exits 1 when a check fails.
+//
+// The simulated driver (libftd2xx.so of tools/ftdi-sim) is loaded by the
+// driver's own name from the loader's search path; the soak puts its folder
+// there itself.
 
 #include <algorithm>
 #include <atomic>
@@ -25,13 +31,17 @@
 #include <mutex>
 #include <random>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
+
+#include <unistd.h>
 
 #include "kmio/kmio.h"
 #include "support/child_process.h"
 #include "support/datagram_flood.h"
 #include "support/echoing_pty.h"
+#include "support/ftdi_sim_control.h"
 #include "support/process_counts.h"
 
 namespace {
@@ -41,6 +51,7 @@ using namespace std::chrono_literals;
 
 constexpr int kNetworkDevices = 3;
 constexpr int kSerialDevices = 3;
+constexpr int kUsbDevices = 3;
 
 struct Settings {
     int rounds = 20000;
@@ -111,11 +122,15 @@ void onEvent(void*, std::uint32_t, const KM_IO_Event* event) {
     }
 }
 
-// One device the soak opens and closes: a simulated network device or an
-// echoing pseudo-terminal.
+enum Link { kSerial, kNetwork, kUsb, kLinks };
+
+constexpr const char* kLinkNames[kLinks] = {"serial", "network", "usb"};
+
+// One device the soak opens and closes: a simulated network device, an
+// echoing pseudo-terminal or an echoing simulated USB chip.
 struct Device {
-    bool network = false;
-    std::string serialNumber;           // network devices: kmio-sim's name for it
+    Link link = kSerial;
+    std::string serialNumber;           // network and USB devices: the simulator's name for it
     std::vector<std::string> locators;  // the forms it may be opened by
     std::string options;
     bool open = false;
@@ -124,9 +139,25 @@ struct Device {
     std::size_t connections = 0;  // network devices: opens that succeeded
 };
 
+// The chip id the older USB listing shows for a serial number ("usb:id:ID:sn:SERIAL" lines), "" when none.
+std::string chipIdOf(const std::string& listing, const std::string& serial) {
+    const std::string tail = ":sn:" + serial;
+    std::size_t start = 0;
+    while (start < listing.size()) {
+        const std::size_t end = std::min(listing.find('\n', start), listing.size());
+        const std::string_view line(listing.data() + start, end - start);
+        start = end + 1;
+        if (line.starts_with("usb:id:") && line.ends_with(tail)) {
+            return std::string(line.substr(7, line.size() - 7 - tail.size()));
+        }
+    }
+    return "";
+}
+
 struct Figures {
-    std::uint64_t opens[2] = {0, 0};  // serial, network
-    std::uint64_t refusedOpens[2] = {0, 0};
+    std::uint64_t opens[kLinks] = {};  // by Link
+    std::uint64_t refusedOpens[kLinks] = {};
+    std::uint64_t usbNotFound = 0;  // USB refusals with KM_IO_ERR_NOT_FOUND
     std::uint64_t closes = 0;
     std::uint64_t bytes = 0;
     std::size_t peakThreads = 0;
@@ -151,18 +182,23 @@ public:
             terminals.push_back(std::make_unique<kmiotest::EchoingPty>());
         }
         const kmiotest::DatagramFlood flood({1500, 2, true});
+        // The same driver instance the library loads, found by the same name.
+        const kmiotest::FtdiSimControl usb;
+        if (!addUsbChips(usb)) {
+            return 1;
+        }
 
         for (int i = 0; i < kNetworkDevices; ++i) {
             const std::string port = std::to_string(settings_.firstPort + i);
             char serial[16];
             std::snprintf(serial, sizeof serial, "SOAK%04d", i + 1);
-            devices_.push_back({true,
+            devices_.push_back({kNetwork,
                                 serial,
                                 {"network:127.0.0.1:" + port, std::string("network:sn:") + serial},
                                 "iface network:127.0.0.1\ndiscovery-timeout 300"});
         }
         for (const auto& terminal : terminals) {
-            devices_.push_back({false, "", {terminal->locator()}, "baudrate 115200"});
+            devices_.push_back({kSerial, "", {terminal->locator()}, "baudrate 115200"});
         }
 
         simulator_ = &simulator;
@@ -227,8 +263,10 @@ public:
                 break;
             }
         }
-        if (figures_.opens[0] == 0 || figures_.opens[1] == 0) {
-            fail("a link was never opened");
+        for (int link = 0; link < kLinks; ++link) {
+            if (figures_.opens[link] == 0) {
+                fail(std::string("no ") + kLinkNames[link] + " device was ever opened");
+            }
         }
         for (const std::string& failure : failures_) {
             std::fprintf(stderr, "soak: %s\n", failure.c_str());
@@ -237,6 +275,41 @@ public:
     }
 
 private:
+    // Echoing chips whose EEPROM names a link profile, each also opened by
+    // the chip id the older listing shows for it.
+    bool addUsbChips(const kmiotest::FtdiSimControl& usb) {
+        for (int i = 1; i <= kUsbDevices; ++i) {
+            char line[160];
+            std::snprintf(
+                line, sizeof line,
+                "serial=SOAKUSB%d description=\"Soak chip %d\" ua=KMIO\\x01 ee43=0x%04X ee44=0x%04X echo=1",
+                i, i, 0x1200 + i, 0x3400 + i);
+            if (!usb.addChip(line)) {
+                fail(std::string("the simulator refused ") + line);
+                return false;
+            }
+        }
+        std::vector<char> listing(1 << 16);
+        std::size_t size = listing.size();
+        if (const std::uint32_t rc =
+                KM_IO_EnumerateDevices(KM_IO_IFACE_USB, "include-id\ninclude-sn", listing.data(), &size);
+            rc != KM_IO_OK) {
+            fail("the USB listing gave " + std::to_string(rc));
+            return false;
+        }
+        const std::string text(listing.data(), std::strlen(listing.data()));
+        for (int i = 1; i <= kUsbDevices; ++i) {
+            const std::string serial = "SOAKUSB" + std::to_string(i);
+            const std::string chipId = chipIdOf(text, serial);
+            if (chipId.empty()) {
+                fail("the USB listing has no chip id for " + serial + ": " + text);
+                return false;
+            }
+            devices_.push_back({kUsb, serial, {"usb:sn:" + serial, "usb:id:" + chipId}, ""});
+        }
+        return true;
+    }
+
     // Any thread may fail the soak.
     int fail(const std::string& what) {
         const std::lock_guard lock(failuresMutex_);
@@ -261,7 +334,7 @@ private:
     }
 
     void open(Device& device) {
-        if (device.network && !simulatorLetGo(device)) {
+        if (device.link == kNetwork && !simulatorLetGo(device)) {
             fail(device.serialNumber + ": kmio-sim never saw the last client leave");
             return;
         }
@@ -270,22 +343,38 @@ private:
         Stream* stream = streams_.back().get();
         const std::uint32_t rc = KM_IO_Open(&device.handle, locator.c_str(), device.options.c_str(), stream,
                                             &onReceive, &onLinkError);
-        const int link = device.network ? 1 : 0;
+        const Link link = device.link;
         if (rc != KM_IO_OK) {
-            // A serial port still held by the thread of a close without wait,
-            // or a device the flood-hit discovery has not seen again yet.
-            const bool expected = device.network ? rc == KM_IO_ERR_NOT_FOUND : rc == KM_IO_ERR_OPEN_FAILED;
-            if (!expected) {
+            if (!expectedRefusal(link, rc)) {
                 fail("opening " + locator + " gave " + std::to_string(rc));
             }
             ++figures_.refusedOpens[link];
+            figures_.usbNotFound += link == kUsb && rc == KM_IO_ERR_NOT_FOUND ? 1 : 0;
             return;
         }
         ++figures_.opens[link];
-        device.connections += device.network ? 1 : 0;
+        device.connections += link == kNetwork ? 1 : 0;
         device.open = true;
         device.stream = stream;
         send(device);
+    }
+
+    // A serial port still held by the thread of a close without wait; a
+    // network device the flood-hit discovery has not seen again yet. A USB
+    // chip is not found when the driver still lists it as open after a close
+    // without wait, or when a "usb:id:" open reads the older listing from the
+    // driver's device-list cache (fresh for 1500 ms) taken while the chip was
+    // open; the open fails when the thread of a close without wait has not
+    // let go of the chip yet.
+    static bool expectedRefusal(Link link, std::uint32_t rc) {
+        switch (link) {
+            case kSerial:
+                return rc == KM_IO_ERR_OPEN_FAILED;
+            case kNetwork:
+                return rc == KM_IO_ERR_NOT_FOUND;
+            default:
+                return rc == KM_IO_ERR_NOT_FOUND || rc == KM_IO_ERR_OPEN_FAILED;
+        }
     }
 
     void send(Device& device) {
@@ -352,6 +441,7 @@ private:
         std::minstd_rand random(settings_.seed + 1);
         std::vector<char> buffer(1 << 16);
         while (!stop) {
+            // The combined listing probes the USB chips nobody has open.
             std::string options = "iface network:127.0.0.1\ndiscovery-timeout 50\nfind-only-available 0";
             if (random() % 3 == 0) {
                 options += "\nforce-rescan";
@@ -361,6 +451,13 @@ private:
                 KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options.c_str(), buffer.data(), &size);
             if (rc != KM_IO_OK) {
                 fail("listing gave " + std::to_string(rc));
+            }
+            size = buffer.size();
+            const std::uint32_t usbRc = KM_IO_EnumerateDevices(
+                KM_IO_IFACE_USB, random() % 2 == 0 ? "include-id\ninclude-sn" : "include-sn\nforce-rescan",
+                buffer.data(), &size);
+            if (usbRc != KM_IO_OK) {
+                fail("the USB listing gave " + std::to_string(usbRc));
             }
             size = buffer.size();
             (void)KM_IO_EnumerateInterfaces("", buffer.data(), &size);
@@ -388,11 +485,15 @@ private:
     void report(double seconds, std::size_t floodDatagrams, std::size_t threadsBefore,
                 std::size_t threadsAfter, std::size_t descriptorsBefore, std::size_t descriptorsAfter) {
         std::printf("soak: %d rounds in %.1f s: %.0f rounds/s\n", rounds_, seconds, rounds_ / seconds);
-        std::printf("  opens: network %llu (%llu not found), serial %llu (%llu busy); closes %llu\n",
-                    static_cast<unsigned long long>(figures_.opens[1]),
-                    static_cast<unsigned long long>(figures_.refusedOpens[1]),
-                    static_cast<unsigned long long>(figures_.opens[0]),
-                    static_cast<unsigned long long>(figures_.refusedOpens[0]),
+        std::printf("  opens: network %llu (%llu not found), serial %llu (%llu busy)\n",
+                    static_cast<unsigned long long>(figures_.opens[kNetwork]),
+                    static_cast<unsigned long long>(figures_.refusedOpens[kNetwork]),
+                    static_cast<unsigned long long>(figures_.opens[kSerial]),
+                    static_cast<unsigned long long>(figures_.refusedOpens[kSerial]));
+        std::printf("  opens: usb %llu (%llu refused, %llu of them not found); closes %llu\n",
+                    static_cast<unsigned long long>(figures_.opens[kUsb]),
+                    static_cast<unsigned long long>(figures_.refusedOpens[kUsb]),
+                    static_cast<unsigned long long>(figures_.usbNotFound),
                     static_cast<unsigned long long>(figures_.closes));
         std::printf("  bytes echoed and checked: %llu\n", static_cast<unsigned long long>(figures_.bytes));
         std::printf("  listings %llu, global option changes %llu, events %llu, hostile datagrams %zu\n",
@@ -419,7 +520,27 @@ private:
 
 }  // namespace
 
+// The loader reads its search path once, at start: when the simulated
+// driver's folder is not on it yet, put it there and start again.
+void putDriverOnSearchPath(char** argv) {
+    const std::string folder = KMIO_FTDI_SIM_DIR;
+    const char* current = std::getenv("LD_LIBRARY_PATH");
+    const std::string path = current != nullptr ? current : "";
+    for (std::size_t start = 0; start <= path.size();) {
+        const std::size_t end = std::min(path.find(':', start), path.size());
+        if (path.compare(start, end - start, folder) == 0) {
+            return;
+        }
+        start = end + 1;
+    }
+    ::setenv("LD_LIBRARY_PATH", (path.empty() ? folder : folder + ":" + path).c_str(), 1);
+    ::execv("/proc/self/exe", argv);
+    std::perror("kmio-soak: cannot start again with the simulated driver on the search path");
+    std::exit(1);
+}
+
 int main(int argc, char** argv) {
     const Settings settings = parseArguments(argc, argv);
+    putDriverOnSearchPath(argv);
     return Soak(settings).run();
 }

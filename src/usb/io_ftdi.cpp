@@ -17,6 +17,7 @@
 #include "options/text_output.h"
 #include "usb/d2xx_binding.h"
 #include "usb/usb_enumeration.h"
+#include "usb/usb_locator.h"
 
 namespace kmio {
 
@@ -43,67 +44,8 @@ std::optional<std::uint16_t> flowControlMode(const std::string& name) {
     return std::nullopt;
 }
 
-bool allDigits(std::string_view text) {
-    return !text.empty() &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
 std::uint32_t linkErrorOf(d2xx::FT_STATUS status) {
     return status == d2xx::kIoError ? KM_IO_ERR_LINK_LOST : KM_IO_ERR_LINK_FAILED;
-}
-
-// How the locator names the device.
-struct DeviceChoice {
-    enum class By { SerialNumber, ChipId, Position } by = By::SerialNumber;
-    std::string text;  // serial number or chip id as written
-    std::uint64_t position = 0;
-};
-
-std::optional<DeviceChoice> parseUsbLocator(std::string_view locator) {
-    const std::vector<std::string> tokens = tokenizeLocator(locator);
-    if (tokens.size() == 3 && tokens[0] == "usb" && (tokens[1] == "sn" || tokens[1] == "id")) {
-        return DeviceChoice{tokens[1] == "sn" ? DeviceChoice::By::SerialNumber : DeviceChoice::By::ChipId,
-                            tokens[2], 0};
-    }
-    if (tokens.size() == 2 && tokens[0] == "usb" && allDigits(tokens[1])) {
-        DeviceChoice choice{DeviceChoice::By::Position, tokens[1], 0};
-        // A number too long for 64 bits is past the end of any list.
-        choice.position = tokens[1].size() > 18 ? UINT64_MAX : std::stoull(tokens[1]);
-        return choice;
-    }
-    return std::nullopt;
-}
-
-// The serial number behind a chip id, from the older listing's lines
-// "usb:id:ID:sn:SERIAL". KM_IO_ERR_NOT_FOUND when no line holds the id,
-// KM_IO_ERR_ENUMERATION_FAILED when the matching line has no serial number.
-std::uint32_t serialNumberOfChipId(const std::string& listing, const std::string& chipId,
-                                   std::string& serial) {
-    const std::string idField = ":id:" + chipId;
-    const std::vector<std::string> lines = [&] {
-        std::vector<std::string> out;
-        std::size_t start = 0;
-        while (start <= listing.size()) {
-            const std::size_t end = std::min(listing.find('\n', start), listing.size());
-            out.push_back(listing.substr(start, end - start));
-            start = end + 1;
-        }
-        return out;
-    }();
-    for (const std::string& line : lines) {
-        const std::size_t at = line.find(idField);
-        const std::size_t after = at + idField.size();
-        if (at == std::string::npos || (after < line.size() && line[after] != ':')) {
-            continue;
-        }
-        const std::size_t sn = line.find(":sn:", after);
-        if (sn == std::string::npos || sn + 4 == line.size()) {
-            return KM_IO_ERR_ENUMERATION_FAILED;
-        }
-        serial = line.substr(sn + 4);
-        return KM_IO_OK;
-    }
-    return KM_IO_ERR_NOT_FOUND;
 }
 
 bool namedIn(const std::vector<std::string>& names, const UsbDeviceEntry& entry) {
@@ -181,7 +123,7 @@ std::uint32_t IoFtdi::open(std::shared_ptr<IoDevice> self) {
 }
 
 std::uint32_t IoFtdi::findAndOpen(const UsbOpenOptions& options) {
-    const std::optional<DeviceChoice> choice = parseUsbLocator(locator());
+    const std::optional<UsbDeviceChoice> choice = parseUsbLocator(locator());
     if (!choice) {
         return KM_IO_ERR_BAD_LOCATOR;
     }
@@ -189,7 +131,7 @@ std::uint32_t IoFtdi::findAndOpen(const UsbOpenOptions& options) {
     std::lock_guard lock(cache_.mutex());
 
     std::string serial = choice->text;
-    if (choice->by == DeviceChoice::By::ChipId) {
+    if (choice->by == UsbDeviceChoice::By::ChipId) {
         if (choice->text == "0") {
             return KM_IO_ERR_NOT_FOUND;
         }
@@ -216,8 +158,8 @@ std::uint32_t IoFtdi::findAndOpen(const UsbOpenOptions& options) {
         if (entry.opened() || !namedIn(options.productName, entry)) {
             continue;
         }
-        const bool match = choice->by == DeviceChoice::By::Position ? position++ == choice->position
-                                                                    : hasSerialNumber(entry, serial);
+        const bool match = choice->by == UsbDeviceChoice::By::Position ? position++ == choice->position
+                                                                       : hasSerialNumber(entry, serial);
         if (match) {
             found = std::move(entry);
             break;

@@ -9,6 +9,7 @@
 #include "usb/ftdi_handle.h"
 #include "usb/link_profile.h"
 #include "usb/probe_frame.h"
+#include "usb/probe_frame_reader.h"
 #include "usb/usb_device_entry.h"
 
 namespace kmio {
@@ -27,72 +28,6 @@ constexpr std::uint32_t kProbeWriteTimeoutMs = 100;
 constexpr std::uint8_t kProbeLatencyMs = 2;
 constexpr std::uint32_t kTransferSize = 65536;
 constexpr std::chrono::milliseconds kBitModeResetPause{10};
-// How often the receive queue is looked at while a frame is incomplete.
-constexpr std::chrono::milliseconds kPollInterval{1};
-
-enum class ReadResult { Done, TimedOut, Failed };
-
-// Reads frames from an open chip until a deadline. A read waits, polling
-// FT_GetStatus, until the whole count is queued, so that the deadline holds
-// even though the driver's own read time-out is 500 ms.
-class FrameReader {
-public:
-    FrameReader(const D2xxEntryPoints& api, d2xx::FT_HANDLE handle, SteadyClock::time_point deadline)
-        : api_(api), handle_(handle), deadline_(deadline) {}
-
-    ReadResult next(ProbeFrame& frame) {
-        for (;;) {
-            std::array<std::uint8_t, probe_frame::kHeadSize> head{};
-            if (const ReadResult r = readExactly(head.data(), head.size()); r != ReadResult::Done) {
-                return r;
-            }
-            const std::optional<std::size_t> length = frameLengthFromHead(head);
-            if (!length) {
-                continue;  // not a frame start: these three bytes are dropped
-            }
-            std::vector<std::uint8_t> rest(*length);
-            if (const ReadResult r = readExactly(rest.data(), rest.size()); r != ReadResult::Done) {
-                return r;
-            }
-            if (std::optional<ProbeFrame> decoded = decodeProbeFrame(head, rest)) {
-                frame = std::move(*decoded);
-                return ReadResult::Done;
-            }
-        }
-    }
-
-private:
-    ReadResult readExactly(std::uint8_t* into, std::size_t count) {
-        std::size_t got = 0;
-        while (got < count) {
-            std::uint32_t queued = 0;
-            std::uint32_t sending = 0;
-            std::uint32_t events = 0;
-            if (api_.FT_GetStatus(handle_, &queued, &sending, &events) != d2xx::kOk) {
-                return ReadResult::Failed;
-            }
-            if (queued < count - got) {
-                if (SteadyClock::now() >= deadline_) {
-                    return ReadResult::TimedOut;
-                }
-                std::this_thread::sleep_for(kPollInterval);
-                continue;
-            }
-            std::uint32_t read = 0;
-            const auto wanted = static_cast<std::uint32_t>(count - got);
-            if (api_.FT_Read(handle_, into + got, wanted, &read) != d2xx::kOk || read > wanted) {
-                return ReadResult::Failed;
-            }
-            got += read;
-        }
-        return ReadResult::Done;
-    }
-
-    const D2xxEntryPoints& api_;
-    d2xx::FT_HANDLE handle_;
-    SteadyClock::time_point deadline_;
-};
-
 bool configure(const D2xxEntryPoints& api, d2xx::FT_HANDLE h, const LinkProfile& profile) {
     using namespace d2xx;
     if (profile.baudRate != 0 && api.FT_SetBaudRate(h, profile.baudRate) != kOk) {
@@ -166,10 +101,10 @@ ProbeOutcome probeProtocolIds(const D2xxEntryPoints& api, int index, const UsbDe
         return failed(KM_IO_ERR_OPEN_FAILED);
     }
 
-    FrameReader reader(api, handle.get(), SteadyClock::now() + replyLimit);
+    ProbeFrameReader reader(api, handle.get(), SteadyClock::now() + replyLimit);
     ProbeFrame frame;
     do {
-        if (reader.next(frame) != ReadResult::Done) {
+        if (reader.next(frame) != ProbeFrameReader::Result::Done) {
             return failed(KM_IO_ERR_OPEN_FAILED);  // no reply in time
         }
     } while (frame.type != probe_frame::kTypeReply);
@@ -180,11 +115,11 @@ ProbeOutcome probeProtocolIds(const D2xxEntryPoints& api, int index, const UsbDe
     ProbeOutcome outcome;
     const bool detectChip = entry.dualChannel() && row == 3;
     for (;;) {
-        const ReadResult r = reader.next(frame);
-        if (r == ReadResult::TimedOut) {
+        const ProbeFrameReader::Result r = reader.next(frame);
+        if (r == ProbeFrameReader::Result::TimedOut) {
             break;  // a device that lists nothing keeps what it said so far
         }
-        if (r == ReadResult::Failed) {
+        if (r == ProbeFrameReader::Result::Failed) {
             return failed(KM_IO_ERR_OPEN_FAILED);
         }
         if (frame.type == probe_frame::kTypeStatus) {
