@@ -14,7 +14,7 @@
 #   packaging  install, consumer builds, Debian packages, API reference and
 #            the Python package's tests (needs the default build)
 #   windows  the Windows cross-build, its checks and its suite under Wine
-#            (scripts/test-windows.sh)
+#            (scripts/test-windows.sh); by name only for now, see README
 #   fuzz     scripts/test-fuzz.sh: each libFuzzer target for about 20 s
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
@@ -61,7 +61,7 @@ for stage in "${stages[@]}"; do
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
     packaging) scripts/test-packaging.sh build/default ;;
-    windows) scripts/test-windows.sh ;;
+    windows) "${isolated[@]}" scripts/test-windows.sh ;;
     fuzz) scripts/test-fuzz.sh ;;
     *)
         echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2

@@ -23,8 +23,9 @@ public:
 
 private:
     bool active_ = false;
-    bool perThread_ = false;
-    unsigned long previous_ = 0;
+    // Read only by the Windows twin, which restores the mode it replaced.
+    [[maybe_unused]] bool perThread_ = false;
+    [[maybe_unused]] unsigned long previous_ = 0;
     DynamicLibrary systemLibrary_;
 };
 
