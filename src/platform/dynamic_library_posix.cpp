@@ -1,6 +1,5 @@
 #include <dlfcn.h>
 
-#include <utility>
 
 #include "platform/dynamic_library.h"
 
@@ -12,22 +11,6 @@ DynamicLibrary::DynamicLibrary(const std::string& name)
         const char* text = ::dlerror();
         error_ = text != nullptr ? text : "cannot load " + name;
     }
-}
-
-DynamicLibrary::DynamicLibrary(DynamicLibrary&& other) noexcept
-    : handle_(std::exchange(other.handle_, nullptr)), error_(std::move(other.error_)) {}
-
-DynamicLibrary& DynamicLibrary::operator=(DynamicLibrary&& other) noexcept {
-    if (this != &other) {
-        reset();
-        handle_ = std::exchange(other.handle_, nullptr);
-        error_ = std::move(other.error_);
-    }
-    return *this;
-}
-
-DynamicLibrary::~DynamicLibrary() {
-    reset();
 }
 
 void* DynamicLibrary::symbol(const char* name) const noexcept {

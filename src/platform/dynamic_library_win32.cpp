@@ -1,6 +1,5 @@
 #include <windows.h>
 
-#include <utility>
 
 #include "platform/dynamic_library.h"
 #include "platform/error_text.h"
@@ -22,22 +21,6 @@ DynamicLibrary::DynamicLibrary(const std::string& name) : handle_(::LoadLibraryA
     if (handle_ == nullptr) {
         error_ = name + ": " + lastSystemErrorText();
     }
-}
-
-DynamicLibrary::DynamicLibrary(DynamicLibrary&& other) noexcept
-    : handle_(std::exchange(other.handle_, nullptr)), error_(std::move(other.error_)) {}
-
-DynamicLibrary& DynamicLibrary::operator=(DynamicLibrary&& other) noexcept {
-    if (this != &other) {
-        reset();
-        handle_ = std::exchange(other.handle_, nullptr);
-        error_ = std::move(other.error_);
-    }
-    return *this;
-}
-
-DynamicLibrary::~DynamicLibrary() {
-    reset();
 }
 
 void* DynamicLibrary::symbol(const char* name) const noexcept {
