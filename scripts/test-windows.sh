@@ -8,8 +8,24 @@
 # The 32-bit suite needs the 32-bit Wine (wine32, an i386 package). When the
 # package mirror cannot provide it, the 32-bit build is still made and
 # checked, and the script says why its suite did not run.
+#
+# Usage: scripts/test-windows.sh [--install-only | --installed] [REGEX]
+#   --install-only  install what is missing (apt-get) and stop
+#   --installed     install nothing: scripts/test.sh runs the install step
+#                   first and then the rest inside a network namespace,
+#                   where the package mirror cannot be reached
+#   REGEX           a CTest regular expression picking the tests to run
+#                   under Wine, for example `scripts/test-windows.sh Usb`
 set -euo pipefail
 cd "$(dirname "$0")/.."
+mode=all
+case ${1:-} in
+--install-only | --installed)
+    mode=${1#--}
+    shift
+    ;;
+esac
+filter=${1:-}
 
 sudo_cmd=()
 if [[ $(id -u) -ne 0 ]]; then
@@ -18,39 +34,52 @@ fi
 
 installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q "install ok installed"; }
 
-packages=(cmake ninja-build mingw-w64 g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64
-    googletest wine wine64)
-missing=()
-for p in "${packages[@]}"; do
-    installed "$p" || missing+=("$p")
-done
-if ((${#missing[@]})); then
-    echo "Installing: ${missing[*]}"
-    "${sudo_cmd[@]}" apt-get update || echo "apt-get update reported errors; trying with the lists it has"
-    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+install_packages() {
+    local packages=(cmake ninja-build mingw-w64 g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix binutils-mingw-w64
+        googletest wine wine64)
+    local missing=() p
+    for p in "${packages[@]}"; do
+        installed "$p" || missing+=("$p")
+    done
+    if ((${#missing[@]})); then
+        echo "Installing: ${missing[*]}"
+        "${sudo_cmd[@]}" apt-get update || echo "apt-get update reported errors; trying with the lists it has"
+        DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
+    fi
 
-# The 32-bit Wine: only from a mirror that carries i386.
-# A failed attempt takes the i386 architecture away again: a mirror without
-# (complete) i386 lists would otherwise make every later apt-get update fail.
-wine32_reason=
-if ! installed wine32; then
-    added_i386=no
-    if ! dpkg --print-foreign-architectures | grep -qx i386; then
-        "${sudo_cmd[@]}" dpkg --add-architecture i386
-        added_i386=yes
-    fi
-    wine32_log=$(mktemp)
-    if ! { "${sudo_cmd[@]}" apt-get update || true; DEBIAN_FRONTEND=noninteractive \
-        "${sudo_cmd[@]}" apt-get install -y --no-install-recommends wine32; } >"${wine32_log}" 2>&1; then
-        wine32_reason="wine32 could not be installed from this machine's package mirror: $(grep -m1 '^E:' \
-            "${wine32_log}" || echo 'apt-get failed')"
-        if [[ ${added_i386} == yes ]]; then
-            "${sudo_cmd[@]}" dpkg --remove-architecture i386 || true
-            "${sudo_cmd[@]}" apt-get update >/dev/null 2>&1 || true
+    # The 32-bit Wine: only from a mirror that carries i386.
+    # A failed attempt takes the i386 architecture away again: a mirror without
+    # (complete) i386 lists would otherwise make every later apt-get update fail.
+    if ! installed wine32; then
+        added_i386=no
+        if ! dpkg --print-foreign-architectures | grep -qx i386; then
+            "${sudo_cmd[@]}" dpkg --add-architecture i386
+            added_i386=yes
         fi
+        wine32_log=$(mktemp)
+        if ! { "${sudo_cmd[@]}" apt-get update || true; DEBIAN_FRONTEND=noninteractive \
+            "${sudo_cmd[@]}" apt-get install -y --no-install-recommends wine32; } >"${wine32_log}" 2>&1; then
+            wine32_reason="wine32 could not be installed from this machine's package mirror: $(grep -m1 '^E:' \
+                "${wine32_log}" || echo 'apt-get failed')"
+            if [[ ${added_i386} == yes ]]; then
+                "${sudo_cmd[@]}" dpkg --remove-architecture i386 || true
+                "${sudo_cmd[@]}" apt-get update >/dev/null 2>&1 || true
+            fi
+            echo "${wine32_reason}"
+        fi
+        rm -f "${wine32_log}"
     fi
-    rm -f "${wine32_log}"
+}
+
+wine32_reason=
+if [[ ${mode} != installed ]]; then
+    install_packages
+fi
+if [[ ${mode} == install-only ]]; then
+    exit 0
+fi
+if [[ -z ${wine32_reason} ]] && ! installed wine32; then
+    wine32_reason="wine32 is not installed (the install step above says why)"
 fi
 
 prefixes=()
@@ -103,7 +132,7 @@ run_width() {
         prefixes+=("${prefix}")
         WINEPREFIX=${prefix} WINEDEBUG=-all wineboot -i >/dev/null 2>&1
         echo "=== ${preset}: test under Wine"
-        ctest --preset "${preset}" 2>&1 | tee "${log}" || status=1
+        ctest --preset "${preset}" ${filter:+-R "${filter}"} 2>&1 | tee "${log}" || status=1
         WINEPREFIX=${prefix} wineserver -k 2>/dev/null || true
     fi
     local passed failed skipped results

@@ -3,8 +3,9 @@
 # then builds and runs it again under AddressSanitizer and
 # UndefinedBehaviorSanitizer, and once more under ThreadSanitizer (the library
 # is threads and locks throughout: TSan finds lock-order cycles that no
-# single run would hit), and last runs every fuzz target for a short while.
-# Exits non-zero on any failure.
+# single run would hit), checks the installed package, runs every fuzz target
+# for a short while, and last cross-builds for Windows and runs that suite
+# under Wine. Exits non-zero on any failure.
 #
 # With arguments, runs only the named stages, in the order given, for
 # example `scripts/test.sh default` while iterating on Linux code:
@@ -13,15 +14,15 @@
 #   tsan     the suite under ThreadSanitizer
 #   packaging  install, consumer builds, Debian packages, API reference and
 #            the Python package's tests (needs the default build)
-#   windows  the Windows cross-build, its checks and its suite under Wine
-#            (scripts/test-windows.sh); by name only for now, see README
 #   fuzz     scripts/test-fuzz.sh: each libFuzzer target for about 20 s
+#   windows  the Windows cross-build, its checks and its suite under Wine
+#            (scripts/test-windows.sh)
 # A CTest regular expression may follow a stage after a colon, for example
 # `scripts/test.sh default:Serial`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(default asan tsan packaging fuzz)
+all_stages=(default asan tsan packaging fuzz windows)
 stages=("$@")
 if ((${#stages[@]} == 0)); then
     stages=("${all_stages[@]}")
@@ -53,6 +54,7 @@ run_suite() {
 
 started=${SECONDS}
 for stage in "${stages[@]}"; do
+    stage_started=${SECONDS}
     name=${stage%%:*}
     filter=
     if [[ ${stage} == *:* ]]; then
@@ -61,12 +63,16 @@ for stage in "${stages[@]}"; do
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
     packaging) scripts/test-packaging.sh build/default ;;
-    windows) "${isolated[@]}" scripts/test-windows.sh ;;
+    windows)
+        scripts/test-windows.sh --install-only
+        "${isolated[@]}" scripts/test-windows.sh --installed ${filter:+"${filter}"}
+        ;;
     fuzz) scripts/test-fuzz.sh ;;
     *)
         echo "unknown stage '${name}'; stages: ${all_stages[*]}" >&2
         exit 2
         ;;
     esac
+    echo "=== ${stage}: passed in $((SECONDS - stage_started)) s"
 done
 echo "=== stages passed: ${stages[*]} ($((SECONDS - started)) s)"
