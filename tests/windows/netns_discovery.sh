@@ -7,7 +7,7 @@
 #                  |                              |
 #   device ns:  kmwd 10.78.1.2/24 (WNSA0001)   kmwd 10.78.2.2/24 (WNSB0001)
 #
-# Each namespace runs its own Wine server on its own copy of the prefix:
+# Each namespace runs its own Wine server on its own prefix:
 # Wine answers adapter queries from a helper process that the server starts,
 # and that process must live in the namespace whose interfaces it reports.
 # Usage: netns_discovery.sh WINE kmio-sim.exe kmio.exe
@@ -63,8 +63,13 @@ for i in 1 2; do
     ip -n "$devns" addr add "10.78.$i.2/24" dev kmwd
     ip -n "$devns" link set kmwd up
 done
+# The prefix's 700 MB of DLLs are only read: hard links serve. The registry
+# files are written, so each namespace gets copies of its own.
 for ns in $hostns kmw-dev1-$tag kmw-dev2-$tag; do
-    cp -a "$WINEPREFIX" "$work/$ns"
+    cp -al "$WINEPREFIX" "$work/$ns"
+    for file in "$WINEPREFIX"/*.reg; do
+        cp --remove-destination "$file" "$work/$ns/"
+    done
 done
 
 for i in 1 2; do
