@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 
@@ -77,14 +78,19 @@ protected:
     std::shared_ptr<kalometnd::Connection> connection_;
 };
 
-TEST_F(NetnsDiscoveryTest, AdapterListReportsBothHostInterfacesWithTheirMasks) {
-    const std::vector<kalometnd::AdapterInfo> adapters = kalometnd::listAdapters();
-    ASSERT_EQ(adapters.size(), 2u);
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(adapters[i].adapterName, hostInterface(i));
-        EXPECT_EQ(adapters[i].address, hostAddress(i));
-        EXPECT_EQ(adapters[i].netmask, 0xFFFFFF00u);
+// An address with prefix length 0 lists netmask all ones, not 0.0.0.0.
+TEST_F(NetnsDiscoveryTest, AdapterListReportsEveryHostAddressWithItsMask) {
+    const RunResult added = run({"ip", "-n", host_, "addr", "add", "10.78.0.1/0", "dev", hostInterface(0)});
+    ASSERT_EQ(added.status, 0) << added.out << added.err;
+    std::map<std::uint32_t, std::pair<std::string, std::uint32_t>> listed;
+    for (const kalometnd::AdapterInfo& adapter : kalometnd::listAdapters()) {
+        listed[adapter.address] = {adapter.adapterName, adapter.netmask};
     }
+    EXPECT_EQ(listed, (std::map<std::uint32_t, std::pair<std::string, std::uint32_t>>{
+                          {hostAddress(0), {hostInterface(0), 0xFFFFFF00u}},
+                          {hostAddress(1), {hostInterface(1), 0xFFFFFF00u}},
+                          {0x0A4E0001, {hostInterface(0), 0xFFFFFFFFu}},
+                      }));
 }
 
 TEST_F(NetnsDiscoveryTest, InformsArriveByBroadcastAndMulticastOnTheirInterfaceOnly) {

@@ -2,39 +2,51 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/file.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <random>
 #include <thread>
 
-#include "serial_test_support.h"
+#include "serial/io_serial.h"
+#include "support/callback_sink.h"
 #include "support/checks.h"
+#include "support/pty_pair.h"
+
+namespace kmiotest {
+// The output rate of a terminal as termios2 reports it when set through
+// BOTHER, else 0 (line_speed_readback.cpp: termios2 cannot share a file with
+// <termios.h>).
+std::uint32_t readBackLineSpeed(int fd);
+}  // namespace kmiotest
 
 namespace kmio {
 namespace {
 
 using namespace std::chrono_literals;
 
-using kmiotest::openSerial;
 using kmiotest::PtyPair;
 using kmiotest::readBackLineSpeed;
 using kmiotest::Sink;
 
-// A pty pair with a sink, and the device opened on its slave.
+// A pty pair with a sink, and the device opened on its slave. The test keeps
+// its own slave descriptor, to read back the line settings, which start
+// cooked (canonical, echo, CR translation) so that the device must make them
+// raw.
 class IoSerialPort : public ::testing::Test {
 protected:
+    // The device opened on the pty, or null after a test failure.
     std::shared_ptr<IoDevice> open(const std::string& options) {
-        std::uint32_t result = 0;
-        auto device = openSerial(pty.locator(), options, sink, result);
+        auto device =
+            std::make_shared<IoSerial>(pty.locator(), options, &sink, &Sink::onReceive, &Sink::onError);
+        const std::uint32_t result = device->open(device);
         EXPECT_EQ(result, KM_IO_OK) << options;
-        return device;
+        return result == KM_IO_OK ? device : nullptr;
     }
     std::uint32_t openResult(const std::string& locator, const std::string& options) {
-        std::uint32_t result = 0;
-        Sink other;
-        openSerial(locator, options, other, result);
-        return result;
+        auto device = std::make_shared<IoSerial>(locator, options, &sink, &Sink::onReceive, &Sink::onError);
+        return device->open(device);
     }
     PtyPair pty;
     Sink sink;

@@ -1,4 +1,5 @@
-// termios2 cannot share a file with <termios.h>, hence this file of its own.
+// termios2 cannot share a file with <termios.h>, hence this file of its own:
+// the line speed a terminal reports through termios2 when set through BOTHER.
 #include <asm/termbits.h>
 #include <sys/ioctl.h>
 

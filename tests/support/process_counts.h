@@ -10,50 +10,40 @@
 
 namespace kmiotest {
 
-// The number of entries of a /proc/self folder: threads in task, open
-// descriptors in fd (the one that reads the folder excluded).
-inline std::size_t procEntries(const char* folder) {
+// The entries of a /proc/self folder by number (threads in task, open
+// descriptors in fd, the one that reads the folder excluded), each with what
+// its link refers to ("socket:[123]", "/dev/ptmx", ...), for telling which
+// descriptor leaked.
+inline std::map<int, std::string> procEntries(const char* folder) {
+    std::map<int, std::string> entries;
     DIR* dir = ::opendir((std::string("/proc/self/") + folder).c_str());
     if (dir == nullptr) {
-        return 0;
-    }
-    std::size_t count = 0;
-    while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] != '.') {
-            ++count;
-        }
-    }
-    ::closedir(dir);
-    return std::string(folder) == "fd" ? count - 1 : count;
-}
-
-inline std::size_t threadCount() {
-    return procEntries("task");
-}
-
-inline std::size_t descriptorCount() {
-    return procEntries("fd");
-}
-
-// What each open descriptor refers to ("socket:[123]", "/dev/ptmx", ...),
-// by number, for telling which one leaked.
-inline std::map<int, std::string> descriptorTargets() {
-    std::map<int, std::string> targets;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return targets;
+        return entries;
     }
     const int own = ::dirfd(dir);
+    const bool descriptors = std::string(folder) == "fd";
     while (const dirent* entry = ::readdir(dir)) {
-        if (entry->d_name[0] == '.' || std::atoi(entry->d_name) == own) {
+        if (entry->d_name[0] == '.' || (descriptors && std::atoi(entry->d_name) == own)) {
             continue;
         }
         char target[256] = {};
         const ssize_t n = ::readlinkat(own, entry->d_name, target, sizeof target - 1);
-        targets[std::atoi(entry->d_name)] = n > 0 ? std::string(target, static_cast<std::size_t>(n)) : "?";
+        entries[std::atoi(entry->d_name)] = n > 0 ? std::string(target, static_cast<std::size_t>(n)) : "?";
     }
     ::closedir(dir);
-    return targets;
+    return entries;
+}
+
+inline std::size_t threadCount() {
+    return procEntries("task").size();
+}
+
+inline std::size_t descriptorCount() {
+    return procEntries("fd").size();
+}
+
+inline std::map<int, std::string> descriptorTargets() {
+    return procEntries("fd");
 }
 
 }  // namespace kmiotest

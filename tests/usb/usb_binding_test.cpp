@@ -42,43 +42,56 @@ TEST_F(UsbBindingTest, WithoutTheChipIdLibraryTheBuiltInEquivalentsAnswer) {
     EXPECT_EQ(binding.chipIdFromHandle(openBySerial(binding, "R1").get(), id), d2xx::kIoError);
 }
 
+// The simulated chip-ID library answers with the configured ids, and with
+// the driver's status for an injected failure or an unplugged chip.
 TEST_F(UsbBindingTest, TheChipIdLibraryIsUsedWhenItLoads) {
     D2xxBinding withLibrary("libftd2xx.so", KMIO_SIM_CHIPID_LIBRARY);
     ASSERT_TRUE(withLibrary.load());
     EXPECT_TRUE(withLibrary.hasChipIdLibrary());
     addChip("serial=R1 ee43=0x1234 ee44=0xABCD chipid=77");
     addChip("serial=R2");
+    const FtdiHandle withId = openBySerial(withLibrary, "R1");
     std::uint32_t id = 0;
-    EXPECT_EQ(withLibrary.chipIdFromHandle(openBySerial(withLibrary, "R1").get(), id), d2xx::kOk);
+    EXPECT_EQ(withLibrary.chipIdFromHandle(withId.get(), id), d2xx::kOk);
     EXPECT_EQ(id, 77u);
-    EXPECT_NE(withLibrary.chipIdFromHandle(openBySerial(withLibrary, "R2").get(), id), d2xx::kOk);
+    EXPECT_EQ(withLibrary.chipIdFromHandle(openBySerial(withLibrary, "R2").get(), id), d2xx::kInvalidHandle);
     std::uint32_t count = 0;
     ASSERT_EQ(withLibrary.numDevices(count), d2xx::kOk);
     EXPECT_EQ(count, 2u);
+
+    ASSERT_TRUE(sim.fail("FTID_GetChipIDFromHandle", d2xx::kOtherError));
+    EXPECT_EQ(withLibrary.chipIdFromHandle(withId.get(), id), d2xx::kOtherError);
+    ASSERT_TRUE(sim.fail("FTID_GetNumDevices", d2xx::kIoError));
+    EXPECT_EQ(withLibrary.numDevices(count), d2xx::kIoError);
+    ASSERT_TRUE(sim.unplug("R1"));
+    EXPECT_EQ(withLibrary.chipIdFromHandle(withId.get(), id), d2xx::kIoError);
+    ASSERT_EQ(withLibrary.numDevices(count), d2xx::kOk);
+    EXPECT_EQ(count, 1u);
 }
 
 // A library that loads but lacks the driver's entry points (the C math
-// library) is as unusable as a missing one, and the verdict stands.
+// library) is as unusable as a missing one, and so is a chip-ID library that
+// lacks its own, or one that is missing where the driver's installation
+// includes it (Windows). Each verdict stands.
 TEST_F(UsbBindingTest, ALoadThatFailsIsNotTriedAgain) {
-    for (const char* driver : {"libm.so.6", "libkmio-no-such-driver.so"}) {
-        D2xxBinding broken(driver, "libftchipid.so");
-        EXPECT_FALSE(broken.load()) << driver;
-        EXPECT_FALSE(broken.load()) << driver;
-        EXPECT_EQ(broken.api().FT_CreateDeviceInfoList, nullptr) << driver;
+    const struct {
+        const char* driver;
+        const char* chipId;
+        bool chipIdRequired;
+        bool loads;
+    } cases[] = {
+        {"libm.so.6", "libftchipid.so", false, false},
+        {"libkmio-no-such-driver.so", "libftchipid.so", false, false},
+        {"libftd2xx.so", "libftd2xx.so", false, false},
+        {"libftd2xx.so", "libkmio-no-such-chipid.so", true, false},
+        {"libftd2xx.so", KMIO_SIM_CHIPID_LIBRARY, true, true},
+    };
+    for (const auto& c : cases) {
+        D2xxBinding binding(c.driver, c.chipId, c.chipIdRequired);
+        EXPECT_EQ(binding.load(), c.loads) << c.driver << " / " << c.chipId;
+        EXPECT_EQ(binding.load(), c.loads) << c.driver << " / " << c.chipId;
+        EXPECT_EQ(binding.api().FT_CreateDeviceInfoList != nullptr, c.loads) << c.driver << " / " << c.chipId;
     }
-    // A chip-ID library that lacks its entry points fails the whole load.
-    D2xxBinding wrongChipId("libftd2xx.so", "libftd2xx.so");
-    EXPECT_FALSE(wrongChipId.load());
-}
-
-// Where the chip-ID library is part of the driver's installation (Windows),
-// the driver alone is not enough, and that verdict stands too.
-TEST_F(UsbBindingTest, ARequiredChipIdLibraryThatIsMissingFailsTheLoad) {
-    D2xxBinding required("libftd2xx.so", "libkmio-no-such-chipid.so", true);
-    EXPECT_FALSE(required.load());
-    EXPECT_FALSE(required.load());
-    D2xxBinding present("libftd2xx.so", KMIO_SIM_CHIPID_LIBRARY, true);
-    EXPECT_TRUE(present.load());
 }
 
 }  // namespace

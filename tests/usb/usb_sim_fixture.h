@@ -19,6 +19,10 @@
 
 namespace kmiotest {
 
+// EEPROM words of a chip line, and the chip id they give.
+inline const std::string kWords = " ee43=0x1234 ee44=0xABCD";
+inline const std::string kId = std::to_string(0xBCB85023u);
+
 // Every test starts with an empty simulator, a binding that loads the driver
 // by its own name, and a device cache of its own on a hand-moved clock.
 class UsbSimTest : public ::testing::Test {
@@ -28,40 +32,29 @@ protected:
 
     void addChip(const std::string& line) { ASSERT_TRUE(sim.addChip(line)) << line; }
 
-    // The combined enumeration's USB section, rendered with every key.
-    std::string enumerate(const std::string& options, std::uint32_t* result = nullptr) {
+    // The combined enumeration's USB section, rendered with every key; the
+    // listing must return `expected`.
+    std::string enumerate(const std::string& options, std::uint32_t expected = KM_IO_OK) {
         kmio::RecordList records;
-        const std::uint32_t r =
-            kmio::enumerateUsbDevices(kmio::EnumerationOptions::parse(options).usb, records, cache);
-        if (result != nullptr) {
-            *result = r;
-        } else {
-            EXPECT_EQ(r, KM_IO_OK) << options;
-        }
+        EXPECT_EQ(kmio::enumerateUsbDevices(kmio::EnumerationOptions::parse(options).usb, records, cache),
+                  expected)
+            << options;
         return kmio::renderRecords(records, {"all"});
     }
 
-    // The older (type 1) listing's text.
-    std::string listOlder(const std::string& options, std::uint32_t* result = nullptr) {
+    // The older (type 1) listing's text; the listing must return `expected`.
+    std::string listOlder(const std::string& options, std::uint32_t expected = KM_IO_OK) {
         char buffer[4096];
         std::size_t size = sizeof buffer;
-        const std::uint32_t r = kmio::listUsbDevices(options, buffer, &size, cache);
-        if (result != nullptr) {
-            *result = r;
-        } else {
-            EXPECT_EQ(r, KM_IO_OK) << options;
-        }
-        return r == KM_IO_OK ? std::string(buffer, size) : std::string();
+        const std::uint32_t result = kmio::listUsbDevices(options, buffer, &size, cache);
+        EXPECT_EQ(result, expected) << options;
+        return result == KM_IO_OK ? std::string(buffer, size) : std::string();
     }
 
-    std::shared_ptr<kmio::IoFtdi> makeDevice(const std::string& locator, const std::string& options = "") {
-        return std::make_shared<kmio::IoFtdi>(locator, options, &sink, Sink::onReceive, Sink::onError, cache);
-    }
-
-    // Opens a device; the result code of open().
-    std::uint32_t open(std::shared_ptr<kmio::IoFtdi>& device, const std::string& locator,
-                       const std::string& options = "") {
-        device = makeDevice(locator, options);
+    // Opens `device` on the locator; the result code of open().
+    std::uint32_t open(const std::string& locator, const std::string& options = "") {
+        device =
+            std::make_shared<kmio::IoFtdi>(locator, options, &sink, Sink::onReceive, Sink::onError, cache);
         return device->open(device);
     }
 
@@ -70,6 +63,7 @@ protected:
     ManualClock clock;
     kmio::UsbDeviceCache cache{binding, clock.clock()};
     Sink sink;
+    std::shared_ptr<kmio::IoFtdi> device;
 };
 
 }  // namespace kmiotest
