@@ -101,13 +101,12 @@ struct EVENT_HANDLE {
 
 // The entry points, in the order the binding resolves them.
 using FT_CreateDeviceInfoList_t = FT_STATUS(KMIO_D2XX_CALL*)(std::uint32_t* numDevs);
-using FT_GetDeviceInfoList_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_DEVICE_LIST_INFO_NODE* dest,
-                                                          std::uint32_t* numDevs);
+using FT_GetDeviceInfoList_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_DEVICE_LIST_INFO_NODE* dest, std::uint32_t* numDevs);
 using FT_Open_t = FT_STATUS(KMIO_D2XX_CALL*)(int index, FT_HANDLE* handle);
 using FT_OpenEx_t = FT_STATUS(KMIO_D2XX_CALL*)(void* arg, std::uint32_t flags, FT_HANDLE* handle);
 using FT_Close_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle);
-using FT_GetStatus_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t* rxQueue,
-                                                  std::uint32_t* txQueue, std::uint32_t* eventStatus);
+using FT_GetStatus_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t* rxQueue, std::uint32_t* txQueue,
+                                                  std::uint32_t* eventStatus);
 using FT_Read_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, void* buffer, std::uint32_t toRead,
                                              std::uint32_t* bytesRead);
 using FT_Write_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, void* buffer, std::uint32_t toWrite,
@@ -118,21 +117,18 @@ using FT_SetDataCharacteristics_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle,
                                                                std::uint8_t stopBits, std::uint8_t parity);
 using FT_SetFlowControl_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint16_t flow, std::uint8_t xon,
                                                        std::uint8_t xoff);
-using FT_SetTimeouts_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t readMs,
-                                                    std::uint32_t writeMs);
+using FT_SetTimeouts_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t readMs, std::uint32_t writeMs);
 using FT_SetLatencyTimer_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint8_t ms);
 using FT_SetBitMode_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint8_t mask, std::uint8_t mode);
 using FT_SetUSBParameters_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t inSize,
                                                          std::uint32_t outSize);
 using FT_SetEventNotification_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t mask, void* arg);
-using FT_ReadEE_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t wordOffset,
-                                               std::uint16_t* value);
+using FT_ReadEE_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t wordOffset, std::uint16_t* value);
 using FT_EE_Read_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, void* programData);
 using FT_EE_UASize_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint32_t* size);
-using FT_EE_UARead_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint8_t* buffer,
-                                                  std::uint32_t length, std::uint32_t* bytesRead);
-using FT_EE_UAWrite_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint8_t* buffer,
-                                                   std::uint32_t length);
+using FT_EE_UARead_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint8_t* buffer, std::uint32_t length,
+                                                  std::uint32_t* bytesRead);
+using FT_EE_UAWrite_t = FT_STATUS(KMIO_D2XX_CALL*)(FT_HANDLE handle, std::uint8_t* buffer, std::uint32_t length);
 // The chip-ID library declares its result as unsigned long, which is 32 bits
 // on Windows where it was published; the binding passes a 32-bit value.
 using FTID_GetNumDevices_t = FT_STATUS(KMIO_D2XX_CALL*)(std::uint32_t* count);
