@@ -19,6 +19,8 @@
 #include <vector>
 
 #include "kmio/kmio.h"
+#include "percentiles.h"
+#include "received_bytes.h"
 
 namespace {
 
@@ -95,32 +97,13 @@ private:
     std::thread thread_;
 };
 
-// The application side of the library: counts received bytes and, once the
-// awaited count is reached, wakes the benchmark thread, which blocks as the
-// plain socket's reader does in recv().
-std::atomic<std::size_t> g_received{0};
-std::atomic<std::size_t> g_awaited{0};
 // When the last block reached the application, in steady-clock ticks.
 std::atomic<Clock::rep> g_deliveredAt{0};
+ReceivedBytes g_received;
 
 void onReceive(void*, const std::uint8_t*, std::size_t length) {
     g_deliveredAt.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
-    if (g_received.fetch_add(length, std::memory_order_release) + length >= g_awaited.load()) {
-        g_received.notify_one();
-    }
-}
-
-// Call before sending what is to be awaited.
-std::size_t expectMore(std::size_t bytes) {
-    const std::size_t target = g_received.load() + bytes;
-    g_awaited.store(target);
-    return target;
-}
-
-void awaitReceived(std::size_t target) {
-    for (std::size_t seen; (seen = g_received.load(std::memory_order_acquire)) < target;) {
-        g_received.wait(seen);
-    }
+    g_received.add(length);
 }
 
 std::uint32_t openDevice(std::uint16_t port) {
@@ -162,16 +145,6 @@ void receiveAll(int fd, std::uint8_t* data, std::size_t length, std::size_t chun
     }
 }
 
-struct Percentiles {
-    double p50, p99, max;
-};
-
-Percentiles percentiles(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    const auto at = [&](double q) { return samples[static_cast<std::size_t>(q * (samples.size() - 1))]; };
-    return {at(0.50), at(0.99), samples.back()};
-}
-
 struct RoundTrips {
     Percentiles plain;      // plain socket: send, then recv() returns the echo
     Percentiles delivered;  // library: until onReceive has the echo
@@ -191,10 +164,10 @@ struct Clients {
     }
     // Returns the time until onReceive ran and until this thread had the echo.
     std::pair<double, double> libraryExchange() {
-        const std::size_t target = expectMore(kMessage);
+        const std::uint64_t target = g_received.expectMore(kMessage);
         const auto start = Clock::now();
         KM_IO_Send(handle, message, kMessage);
-        awaitReceived(target);
+        g_received.await(target);
         const auto end = Clock::now();
         const Clock::time_point at{Clock::duration{g_deliveredAt.load(std::memory_order_relaxed)}};
         return {micros(at - start), micros(end - start)};
@@ -243,12 +216,12 @@ void printRoundTrips(const char* title, const RoundTrips& rtt) {
 // MiB/s for kBulk bytes sent and echoed back in full.
 double libraryThroughput(std::uint16_t port, const std::vector<std::uint8_t>& data) {
     const std::uint32_t handle = openDevice(port);
-    const std::size_t target = expectMore(data.size());
+    const std::uint64_t target = g_received.expectMore(data.size());
     const auto start = Clock::now();
     if (KM_IO_Send(handle, data.data(), data.size()) != KM_IO_OK) {
         fail("KM_IO_Send");
     }
-    awaitReceived(target);
+    g_received.await(target);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     KM_IO_Close(handle, 1);
     return static_cast<double>(data.size()) / (1 << 20) / seconds;

@@ -26,6 +26,8 @@
 
 #include "../tests/support/ftdi_sim_control.h"
 #include "kmio/kmio.h"
+#include "percentiles.h"
+#include "received_bytes.h"
 
 namespace {
 
@@ -65,37 +67,10 @@ const char* verdict(bool met) {
     std::exit(1);
 }
 
-struct Percentiles {
-    double p50, p99, max;
-};
-
-Percentiles percentiles(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    const auto at = [&](double q) { return samples[static_cast<std::size_t>(q * (samples.size() - 1))]; };
-    return {at(0.50), at(0.99), samples.back()};
-}
-
-// The application side of the library: counts received bytes and wakes the
-// benchmark thread once the awaited count is reached.
-std::atomic<std::uint64_t> g_received{0};
-std::atomic<std::uint64_t> g_awaited{0};
+ReceivedBytes g_received;
 
 void onReceive(void*, const std::uint8_t*, std::size_t length) {
-    if (g_received.fetch_add(length, std::memory_order_release) + length >= g_awaited.load()) {
-        g_received.notify_one();
-    }
-}
-
-std::uint64_t expectMore(std::uint64_t bytes) {
-    const std::uint64_t target = g_received.load() + bytes;
-    g_awaited.store(target);
-    return target;
-}
-
-void awaitReceived(std::uint64_t target) {
-    for (std::uint64_t seen; (seen = g_received.load(std::memory_order_acquire)) < target;) {
-        g_received.wait(seen);
-    }
+    g_received.add(length);
 }
 
 // The library's handle of the benchmark chip, or nothing with the reason
@@ -171,10 +146,10 @@ Clock::duration libraryReceive(const FtdiSimControl& sim) {
     if (!handle) {
         return {};
     }
-    const std::uint64_t target = expectMore(kBulk);
+    const std::uint64_t target = g_received.expectMore(kBulk);
     const auto start = Clock::now();
     sim.stream(kSerial, kBulk);
-    awaitReceived(target);
+    g_received.await(target);
     const auto elapsed = Clock::now() - start;
     KM_IO_Close(*handle, 1);
     return elapsed;
@@ -331,10 +306,10 @@ RoundTrips roundTrips(const FtdiSimControl& sim) {
         }
         EventReader reader(ft, chip.get());
         for (int i = 0; i < kWarmUp + kRoundTrips; ++i) {
-            const std::uint64_t target = expectMore(kMessage);
+            const std::uint64_t target = g_received.expectMore(kMessage);
             const auto start = Clock::now();
             writeAll(ft, chip.get(), message, kMessage);
-            awaitReceived(target);
+            g_received.await(target);
             if (i >= kWarmUp) {
                 eventReader.push_back(micros(Clock::now() - start));
             }
@@ -342,12 +317,12 @@ RoundTrips roundTrips(const FtdiSimControl& sim) {
     }
     if (const auto handle = openLibrary()) {
         for (int i = 0; i < kWarmUp + kRoundTrips; ++i) {
-            const std::uint64_t target = expectMore(kMessage);
+            const std::uint64_t target = g_received.expectMore(kMessage);
             const auto start = Clock::now();
             if (KM_IO_Send(*handle, message, kMessage) != KM_IO_OK) {
                 fail("KM_IO_Send failed");
             }
-            awaitReceived(target);
+            g_received.await(target);
             if (i >= kWarmUp) {
                 library.push_back(micros(Clock::now() - start));
             }

@@ -19,6 +19,7 @@
 #include <system_error>
 #include <utility>
 
+#include "discovery/channel_socket_setup.h"
 #include "discovery/connection.h"
 #include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
@@ -27,6 +28,7 @@
 #include "platform/interface_addresses.h"
 #include "platform/socket.h"
 #include "platform/socket_address.h"
+#include "platform/socket_options.h"
 #include "platform/steady_clock.h"
 
 namespace kalometnd {
@@ -35,10 +37,6 @@ namespace {
 
 constexpr std::size_t kDatagramBuffer = 1024;
 constexpr int kReceiveBufferBytes = 1 << 20;
-
-[[noreturn]] void throwSystem(const std::string& what, int error) {
-    throw NetworkException(what + ": " + kmio::systemErrorText(error));
-}
 
 // The interface that carries an address (loopback included), with its mask.
 std::optional<kmio::InterfaceAddress> findInterface(std::uint32_t address) {
@@ -56,12 +54,6 @@ std::optional<kmio::InterfaceAddress> findInterface(std::uint32_t address) {
     return std::nullopt;
 }
 
-void setIntOption(int fd, int level, int option, int value, const char* what) {
-    if (setsockopt(fd, level, option, &value, sizeof value) != 0) {
-        throwSystem(what, errno);
-    }
-}
-
 using Kind = ChannelConnection::Kind;
 
 // The socket of one channel, set up for its interface and kind.
@@ -71,46 +63,23 @@ public:
         const std::uint32_t interfaceAddress = channel.interfaceAddress;
         const bool broadcast = channel.kind == Kind::Broadcast;
         const std::optional<kmio::InterfaceAddress> iface = findInterface(interfaceAddress);
-        if (broadcast) {
-            const std::uint32_t address = iface ? (interfaceAddress | ~iface->netmask) : 0;
-            destination_ = kmio::ipv4SocketAddress(address, kBroadcastPort);
-        } else {
-            destination_ = kmio::ipv4SocketAddress(kMulticastGroup, kMulticastPort);
-        }
+        destination_ = channelDestination(channel.kind, iface ? (interfaceAddress | ~iface->netmask) : 0);
 
         socket_.reset(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
         if (!socket_) {
-            throwSystem("Could not create socket", errno);
+            throwSocketError("Could not create socket", errno);
         }
-        const int fd = this->fd();
-        setIntOption(fd, SOL_SOCKET, SO_REUSEADDR, 1, "Could not set SO_REUSEADDR");
-        if (broadcast) {
-            setIntOption(fd, SOL_SOCKET, SO_BROADCAST, 1, "Could not set SO_BROADCAST");
-        } else {
-            setIntOption(fd, IPPROTO_IP, IP_MULTICAST_LOOP, 1, "Could not set IP_MULTICAST_LOOP");
-            setIntOption(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0, "Could not set IP_MULTICAST_ALL");
-        }
-        raiseReceiveBuffer(fd);
-
-        const bool boundToDevice = iface && bindToDevice(fd, iface->name);
-        const sockaddr_in local = kmio::ipv4SocketAddress(boundToDevice ? INADDR_ANY : interfaceAddress,
-                                                          broadcast ? kBroadcastPort : kMulticastPort);
-        if (::bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-            throwSystem(broadcast ? "Could not bind to iface address" : "Could not bind to multicast group",
-                        errno);
-        }
+        setChannelOptions(socket_, channel.kind);
         if (!broadcast) {
-            in_addr outgoing{};
-            outgoing.s_addr = htonl(interfaceAddress);
-            if (setsockopt(fd, IPPROTO_IP, IP_MULTICAST_IF, &outgoing, sizeof outgoing) != 0) {
-                throwSystem("Could not set outgoing interface", errno);
-            }
-            ip_mreq membership{};
-            membership.imr_multiaddr.s_addr = htonl(kMulticastGroup);
-            membership.imr_interface.s_addr = htonl(interfaceAddress);
-            if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) {
-                throwSystem("Could not join multicast group", errno);
-            }
+            throwIfFailed(kmio::setSocketInt(socket_, IPPROTO_IP, IP_MULTICAST_ALL, 0),
+                          "Could not set IP_MULTICAST_ALL");
+        }
+        raiseReceiveBuffer();
+
+        const bool boundToDevice = iface && bindToDevice(fd(), iface->name);
+        bindChannel(socket_, channel.kind, boundToDevice ? INADDR_ANY : interfaceAddress);
+        if (!broadcast) {
+            joinChannelGroup(socket_, interfaceAddress);
         }
     }
 
@@ -124,17 +93,17 @@ public:
         const ssize_t sent = ::sendto(fd(), datagram.data(), datagram.size(), MSG_NOSIGNAL,
                                       reinterpret_cast<const sockaddr*>(&destination_), sizeof destination_);
         if (sent < 0) {
-            throwSystem("Could not send datagram", errno);
+            throwSocketError("Could not send datagram", errno);
         }
     }
 
 private:
     // A burst of replies from many devices must not overflow the default
     // buffer; SO_RCVBUFFORCE passes the system limit when we may.
-    static void raiseReceiveBuffer(int fd) {
-        const int size = kReceiveBufferBytes;
-        if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
-            setIntOption(fd, SOL_SOCKET, SO_RCVBUF, size, "Could not set SO_RCVBUF");
+    void raiseReceiveBuffer() const {
+        if (kmio::setSocketInt(socket_, SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBufferBytes) != 0) {
+            throwIfFailed(kmio::setSocketInt(socket_, SOL_SOCKET, SO_RCVBUF, kReceiveBufferBytes),
+                          "Could not set SO_RCVBUF");
         }
     }
 
@@ -187,7 +156,7 @@ private:
                 if (errno == EAGAIN || errno == EWOULDBLOCK) {
                     return false;
                 }
-                throwSystem("Could not receive datagram", errno);
+                throwSocketError("Could not receive datagram", errno);
             }
             if (static_cast<std::size_t>(got) > sizeof buffer) {
                 throw DatagramDroppedException("Could not receive datagram: " +
@@ -195,10 +164,7 @@ private:
             }
             data.assign(buffer, buffer + got);
             networkId = static_cast<unsigned>(k);
-            sourceAddress = 0;
-            if (fromLength == sizeof(sockaddr_in) && from.ss_family == AF_INET) {
-                sourceAddress = ntohl(reinterpret_cast<const sockaddr_in*>(&from)->sin_addr.s_addr);
-            }
+            sourceAddress = kmio::ipv4SenderAddress(from, fromLength);
             return true;
         }
         return false;
@@ -227,7 +193,7 @@ private:
                 return false;
             }
             if (errno != EINTR) {
-                throwSystem("Failed to wait for events", errno);
+                throwSocketError("Failed to wait for events", errno);
             }
             const std::int64_t left = deadline - kmio::steadyNowNs();
             if (left <= 0) {

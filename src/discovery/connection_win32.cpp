@@ -12,6 +12,7 @@
 #include <system_error>
 #include <utility>
 
+#include "discovery/channel_socket_setup.h"
 #include "discovery/connection.h"
 #include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
@@ -29,12 +30,8 @@ constexpr int kDatagramBuffer = 1024;
 // hold 16 of them on either width.
 constexpr DWORD kInterfaceListBytes = 1216;
 
-[[noreturn]] void throwSystem(const std::string& what, int error) {
-    throw NetworkException(what + ": " + kmio::systemErrorText(error));
-}
-
 [[noreturn]] void throwLastSocketError(const std::string& what) {
-    throwSystem(what, ::WSAGetLastError());
+    throwSocketError(what, ::WSAGetLastError());
 }
 
 using Kind = ChannelConnection::Kind;
@@ -71,14 +68,6 @@ std::uint32_t broadcastAddressOf(std::uint32_t interfaceAddress) {
     return 0;
 }
 
-void setIntOption(SOCKET socket, int level, int option, int value, const char* what) {
-    const DWORD size = sizeof value;
-    if (::setsockopt(socket, level, option, reinterpret_cast<const char*>(&value), static_cast<int>(size)) !=
-        0) {
-        throwLastSocketError(what);
-    }
-}
-
 // A WinSock event object, closed when destroyed.
 class SocketEvent {
 public:
@@ -103,45 +92,20 @@ public:
     explicit ChannelSocket(const ChannelConnection::Channel& channel) {
         const std::uint32_t interfaceAddress = channel.interfaceAddress;
         const bool broadcast = channel.kind == Kind::Broadcast;
-        destination_ = broadcast
-                           ? kmio::ipv4SocketAddress(broadcastAddressOf(interfaceAddress), kBroadcastPort)
-                           : kmio::ipv4SocketAddress(kMulticastGroup, kMulticastPort);
+        destination_ = channelDestination(channel.kind, broadcast ? broadcastAddressOf(interfaceAddress) : 0);
 
         socket_.reset(static_cast<kmio::Socket::Native>(::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP)));
         if (!socket_) {
             throwLastSocketError("Could not create socket");
         }
-        const SOCKET s = handle();
         event_ = std::make_unique<SocketEvent>();
-        if (::WSAEventSelect(s, event_->get(), FD_READ | FD_CLOSE) != 0) {
+        if (::WSAEventSelect(handle(), event_->get(), FD_READ | FD_CLOSE) != 0) {
             throwLastSocketError("Could not associate event with socket");
         }
-        setIntOption(s, SOL_SOCKET, SO_REUSEADDR, 1, "Could not set SO_REUSEADDR");
-        if (broadcast) {
-            setIntOption(s, SOL_SOCKET, SO_BROADCAST, 1, "Could not set SO_BROADCAST");
-        } else {
-            setIntOption(s, IPPROTO_IP, IP_MULTICAST_LOOP, 1, "Could not set IP_MULTICAST_LOOP");
-        }
-        const sockaddr_in local =
-            kmio::ipv4SocketAddress(interfaceAddress, broadcast ? kBroadcastPort : kMulticastPort);
-        if (::bind(s, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-            throwLastSocketError(broadcast ? "Could not bind to iface address"
-                                           : "Could not bind to multicast group");
-        }
+        setChannelOptions(socket_, channel.kind);
+        bindChannel(socket_, channel.kind, interfaceAddress);
         if (!broadcast) {
-            in_addr outgoing{};
-            outgoing.s_addr = htonl(interfaceAddress);
-            if (::setsockopt(s, IPPROTO_IP, IP_MULTICAST_IF, reinterpret_cast<const char*>(&outgoing),
-                             sizeof outgoing) != 0) {
-                throwLastSocketError("Could not set outgoing interface");
-            }
-            ip_mreq membership{};
-            membership.imr_multiaddr.s_addr = htonl(kMulticastGroup);
-            membership.imr_interface.s_addr = htonl(interfaceAddress);
-            if (::setsockopt(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, reinterpret_cast<const char*>(&membership),
-                             sizeof membership) != 0) {
-                throwLastSocketError("Could not join multicast group");
-            }
+            joinChannelGroup(socket_, interfaceAddress);
         }
     }
 
@@ -176,7 +140,7 @@ public:
         try {
             kmio::startSocketLibrary();
         } catch (const std::system_error& e) {
-            throwSystem("Could not initialize WinSock2", e.code().value());
+            throwSocketError("Could not initialize WinSock2", e.code().value());
         }
         for (const Channel& channel : channels()) {
             sockets_.push_back(std::make_unique<ChannelSocket>(channel));
@@ -210,10 +174,10 @@ private:
             throwLastSocketError("Could not determine event type");
         }
         if ((happened.lNetworkEvents & FD_CLOSE) != 0) {
-            throwSystem("Socket was closed externally", happened.iErrorCode[FD_CLOSE_BIT]);
+            throwSocketError("Socket was closed externally", happened.iErrorCode[FD_CLOSE_BIT]);
         }
         if ((happened.lNetworkEvents & FD_READ) != 0 && happened.iErrorCode[FD_READ_BIT] != 0) {
-            throwSystem("Could not read from socket", happened.iErrorCode[FD_READ_BIT]);
+            throwSocketError("Could not read from socket", happened.iErrorCode[FD_READ_BIT]);
         }
         if (!::WSAResetEvent(channel.event())) {
             throwLastSocketError("Could not reset event");
@@ -229,14 +193,11 @@ private:
                 // The event fired for a datagram another wake-up already took.
                 return false;
             }
-            throwSystem("Could not receive datagram", error);
+            throwSocketError("Could not receive datagram", error);
         }
         data.assign(buffer, buffer + got);
         networkId = static_cast<unsigned>(k);
-        sourceAddress = 0;
-        if (fromLength == sizeof(sockaddr_in) && from.ss_family == AF_INET) {
-            sourceAddress = ntohl(reinterpret_cast<const sockaddr_in*>(&from)->sin_addr.s_addr);
-        }
+        sourceAddress = kmio::ipv4SenderAddress(from, static_cast<std::size_t>(fromLength));
         return true;
     }
 

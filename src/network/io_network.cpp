@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "link/result_translation.h"
 #include "options/option_list.h"
 #include "options/option_sets.h"
+#include "platform/socket_api.h"
 
 namespace kmio {
 
@@ -81,6 +84,42 @@ std::uint32_t IoNetwork::connectAndStart(std::shared_ptr<IoDevice> self) {
     wake_.emplace();
     receiver_.start(std::move(self), [this] { receiveLoop(); });
     return KM_IO_OK;
+}
+
+std::uint32_t IoNetwork::connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs) {
+    try {
+        startSocketLibrary();
+    } catch (const std::system_error&) {
+        return KM_IO_ERR_OPEN_FAILED;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_protocol = IPPROTO_TCP;
+    addrinfo* list = nullptr;
+    const int resolved = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
+    if (resolved != 0) {
+        return isNameNotFound(resolved) ? KM_IO_ERR_NOT_FOUND : KM_IO_ERR_OPEN_FAILED;
+    }
+    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(list, &::freeaddrinfo);
+
+    for (const addrinfo* address = list; address != nullptr; address = address->ai_next) {
+        if (address->ai_family != AF_INET || address->ai_socktype != SOCK_STREAM ||
+            address->ai_protocol != IPPROTO_TCP) {
+            continue;
+        }
+        bool creationFailed = false;
+        Socket connected = connectAddress(*address, timeoutMs, creationFailed);
+        if (creationFailed) {
+            // Out of descriptors or sockets: later addresses would fail alike.
+            break;
+        }
+        if (connected) {
+            socket_ = std::move(connected);
+            return KM_IO_OK;
+        }
+    }
+    return KM_IO_ERR_NOT_FOUND;
 }
 
 void IoNetwork::close(bool wait) {

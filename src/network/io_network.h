@@ -14,6 +14,9 @@
 #include "platform/socket.h"
 #include "platform/wake_event.h"
 
+// The resolver's answer record, from the system's socket headers.
+struct addrinfo;
+
 namespace kmio {
 
 // The TCP device link ("network:HOST:PORT", "network:HOST" with a "port"
@@ -76,13 +79,23 @@ private:
     // handle. True when the thread must end.
     bool stopRequested();
 
+    // Resolves host and port and connects to the first IPv4 TCP address that
+    // accepts within timeoutMs; stores the connected, blocking socket.
+    // KM_IO_OK, KM_IO_ERR_NOT_FOUND or KM_IO_ERR_OPEN_FAILED.
+    std::uint32_t connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs);
+
     // Platform layer (io_network_posix.cpp, io_network_win32.cpp). Errors are
     // the platform's error numbers, for the two predicates below.
     //
-    // Resolves host and port and connects to the first address that accepts
-    // within timeoutMs; stores the connected, blocking socket.
-    // KM_IO_OK, KM_IO_ERR_NOT_FOUND or KM_IO_ERR_OPEN_FAILED.
-    std::uint32_t connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs);
+    // Whether a resolver failure means that the name does not exist or
+    // cannot be resolved now (the device is not there), rather than a
+    // failure of our own.
+    static bool isNameNotFound(int resolverError);
+    // One address: a non-blocking connect that may take timeoutMs, then the
+    // socket back in blocking mode with no other option touched. An invalid
+    // socket when the address does not accept; creationFailed is set when
+    // no socket could be made at all, as later addresses would fail alike.
+    static Socket connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& creationFailed);
     // Waits up to timeoutMs for the socket to become readable (a closed peer
     // counts, on every pass until close) or for wake_; runs on the receiving
     // thread only. Idle on time-out and when woken.

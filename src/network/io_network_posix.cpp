@@ -48,9 +48,16 @@ bool awaitConnect(int fd, std::uint32_t timeoutMs) {
     return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &soError, &size) == 0 && soError == 0;
 }
 
-// One address: non-blocking connect within the timeout, then back to
-// blocking mode. No other socket option is touched.
-Socket connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& creationFailed) {
+}  // namespace
+
+// poll takes the socket and the wake-up descriptor as they are: nothing to keep.
+struct IoNetwork::WaitState {};
+
+void IoNetwork::WaitStateDeleter::operator()(WaitState* state) const noexcept {
+    delete state;
+}
+
+Socket IoNetwork::connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& creationFailed) {
     Socket candidate(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
     if (!candidate) {
         creationFailed = true;
@@ -73,47 +80,9 @@ Socket connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& cr
     return candidate;
 }
 
-}  // namespace
-
-// poll takes the socket and the wake-up descriptor as they are: nothing to keep.
-struct IoNetwork::WaitState {};
-
-void IoNetwork::WaitStateDeleter::operator()(WaitState* state) const noexcept {
-    delete state;
-}
-
-std::uint32_t IoNetwork::connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs) {
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_protocol = IPPROTO_TCP;
-    addrinfo* list = nullptr;
-    const int resolved = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
-    if (resolved != 0) {
-        // A name that does not exist, or a resolver that cannot answer now,
-        // means the device is not there; anything else is our own failure.
-        const bool notFound = resolved == EAI_NONAME || resolved == EAI_NODATA || resolved == EAI_AGAIN;
-        return notFound ? KM_IO_ERR_NOT_FOUND : KM_IO_ERR_OPEN_FAILED;
-    }
-    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(list, &::freeaddrinfo);
-
-    for (const addrinfo* address = list; address != nullptr; address = address->ai_next) {
-        if (address->ai_family != AF_INET || address->ai_socktype != SOCK_STREAM ||
-            address->ai_protocol != IPPROTO_TCP) {
-            continue;
-        }
-        bool creationFailed = false;
-        Socket connected = connectAddress(*address, timeoutMs, creationFailed);
-        if (creationFailed) {
-            // Out of descriptors or sockets: later addresses would fail alike.
-            break;
-        }
-        if (connected) {
-            socket_ = std::move(connected);
-            return KM_IO_OK;
-        }
-    }
-    return KM_IO_ERR_NOT_FOUND;
+// A name that does not exist, or a resolver that cannot answer now.
+bool IoNetwork::isNameNotFound(int resolverError) {
+    return resolverError == EAI_NONAME || resolverError == EAI_NODATA || resolverError == EAI_AGAIN;
 }
 
 IoNetwork::Readiness IoNetwork::waitReadable(int timeoutMs, int& error) {

@@ -34,7 +34,26 @@ bool awaitConnect(SOCKET socket, std::uint32_t timeoutMs) {
     return ::select(0, nullptr, &writable, nullptr, &limit) > 0 && FD_ISSET(socket, &writable);
 }
 
-Socket connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& creationFailed) {
+}  // namespace
+
+// The receiving thread waits on the socket's network events and the wake-up
+// event together. FD_CLOSE is reported once, so the peer's close is kept and
+// makes every later pass readable at once, as a closed socket is on Linux.
+struct IoNetwork::WaitState {
+    WSAEVENT event = WSA_INVALID_EVENT;
+    bool peerClosed = false;
+    ~WaitState() {
+        if (event != WSA_INVALID_EVENT) {
+            ::WSACloseEvent(event);
+        }
+    }
+};
+
+void IoNetwork::WaitStateDeleter::operator()(WaitState* state) const noexcept {
+    delete state;
+}
+
+Socket IoNetwork::connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& creationFailed) {
     Socket candidate(static_cast<Socket::Native>(::socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)));
     if (!candidate) {
         creationFailed = true;
@@ -55,61 +74,9 @@ Socket connectAddress(const addrinfo& address, std::uint32_t timeoutMs, bool& cr
     return candidate;
 }
 
-}  // namespace
-
-// The receiving thread waits on the socket's network events and the wake-up
-// event together. FD_CLOSE is reported once, so the peer's close is kept and
-// makes every later pass readable at once, as a closed socket is on Linux.
-struct IoNetwork::WaitState {
-    WSAEVENT event = WSA_INVALID_EVENT;
-    bool peerClosed = false;
-    ~WaitState() {
-        if (event != WSA_INVALID_EVENT) {
-            ::WSACloseEvent(event);
-        }
-    }
-};
-
-void IoNetwork::WaitStateDeleter::operator()(WaitState* state) const noexcept {
-    delete state;
-}
-
-std::uint32_t IoNetwork::connectSocket(const std::string& host, std::uint16_t port, std::uint32_t timeoutMs) {
-    try {
-        startSocketLibrary();
-    } catch (const std::system_error&) {
-        return KM_IO_ERR_OPEN_FAILED;
-    }
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_protocol = IPPROTO_TCP;
-    addrinfo* list = nullptr;
-    const int resolved = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
-    if (resolved != 0) {
-        // Host not found (11001) and try again (11002) mean the device is
-        // not there; anything else is our own failure.
-        const bool notFound = resolved == WSAHOST_NOT_FOUND || resolved == WSATRY_AGAIN;
-        return notFound ? KM_IO_ERR_NOT_FOUND : KM_IO_ERR_OPEN_FAILED;
-    }
-    const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(list, &::freeaddrinfo);
-
-    for (const addrinfo* address = list; address != nullptr; address = address->ai_next) {
-        if (address->ai_family != AF_INET || address->ai_socktype != SOCK_STREAM ||
-            address->ai_protocol != IPPROTO_TCP) {
-            continue;
-        }
-        bool creationFailed = false;
-        Socket connected = connectAddress(*address, timeoutMs, creationFailed);
-        if (creationFailed) {
-            break;
-        }
-        if (connected) {
-            socket_ = std::move(connected);
-            return KM_IO_OK;
-        }
-    }
-    return KM_IO_ERR_NOT_FOUND;
+// Host not found (11001) and try again (11002).
+bool IoNetwork::isNameNotFound(int resolverError) {
+    return resolverError == WSAHOST_NOT_FOUND || resolverError == WSATRY_AGAIN;
 }
 
 IoNetwork::Readiness IoNetwork::waitReadable(int timeoutMs, int& error) {

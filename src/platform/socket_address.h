@@ -1,13 +1,9 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
-#if defined(_WIN32)
-#include <winsock2.h>
-#else
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#endif
+#include "platform/socket_api.h"
 
 namespace kmio {
 
@@ -19,6 +15,15 @@ inline sockaddr_in ipv4SocketAddress(std::uint32_t address, std::uint16_t port) 
     out.sin_addr.s_addr = htonl(address);
     out.sin_port = htons(port);
     return out;
+}
+
+// The sender's IPv4 address in host order as recvfrom filled it in (length
+// is the size it reported), or 0 when the sender is not IPv4.
+inline std::uint32_t ipv4SenderAddress(const sockaddr_storage& from, std::size_t length) {
+    if (length != sizeof(sockaddr_in) || from.ss_family != AF_INET) {
+        return 0;
+    }
+    return ntohl(reinterpret_cast<const sockaddr_in*>(&from)->sin_addr.s_addr);
 }
 
 }  // namespace kmio

@@ -50,6 +50,22 @@ void IoSerial::close(bool wait) {
     });
 }
 
+std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
+    if (length == 0) {
+        return KM_IO_OK;
+    }
+    std::lock_guard lock(mutex_);
+    if (!port_ || !stop_) {
+        return KM_IO_ERR_SEND_FAILED;
+    }
+    return writeAll(data, length) ? KM_IO_OK : KM_IO_ERR_SEND_FAILED;
+}
+
+void IoSerial::releasePort() {
+    std::lock_guard lock(mutex_);
+    port_.reset();
+}
+
 std::uint32_t IoSerial::getProperty(const char*, char* value, std::size_t* ioSize) {
     // A serial port has no properties: every key reads as the empty text. A
     // zero capacity cannot hold even the terminating zero.

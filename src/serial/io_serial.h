@@ -29,6 +29,9 @@ public:
 
     std::uint32_t open(std::shared_ptr<IoDevice> self) override;
     void close(bool wait) override;
+    // Writes all bytes under mutex_. KM_IO_OK, or KM_IO_ERR_SEND_FAILED when
+    // the port is not open or writeAll fails. Zero bytes succeed without
+    // touching the port.
     std::uint32_t send(const std::uint8_t* data, std::size_t length) override;
     std::uint32_t getProperty(const char* key, char* value, std::size_t* ioSize) override;
 
@@ -57,16 +60,11 @@ private:
     // neither spins nor floods the application. When stop_ is signalled it
     // calls releasePort and returns; no callback follows the stop.
     //
-    // releasePort closes the port under mutex_ (so that no send uses a
-    // closed handle) and leaves port_ empty; safe to call when nothing is
-    // open. Called by the receiving thread as it ends, and by open when the
-    // thread could not be started.
-    //
-    // send writes all bytes under mutex_, waiting without a time limit while
-    // the port's output queue is full. KM_IO_OK, or KM_IO_ERR_SEND_FAILED
-    // when the port is not open, a write fails, or stop_ is signalled while
-    // it waits (close abandons the rest of the data). Zero bytes succeed
-    // without touching the port.
+    // writeAll writes length bytes (at least one) to the open port; send
+    // calls it under mutex_ with port_ and stop_ in place. It waits without a
+    // time limit while the port's output queue is full. False when a write
+    // fails or stop_ is signalled while it waits (close abandons the rest of
+    // the data).
     struct Port;
     struct PortDeleter {
         void operator()(Port* port) const noexcept;
@@ -74,6 +72,12 @@ private:
 
     std::uint32_t openPort(const std::string& portName, const SerialOpenOptions& options);
     void receiveLoop();
+    bool writeAll(const std::uint8_t* data, std::size_t length);
+
+    // Closes the port under mutex_ (so that no send uses a closed handle)
+    // and leaves port_ empty; safe to call when nothing is open. Called by
+    // the receiving thread as it ends, and by open when the thread could not
+    // be started.
     void releasePort();
 
     std::mutex mutex_;  // serialises sends and the release of the port

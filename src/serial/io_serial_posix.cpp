@@ -131,11 +131,6 @@ std::uint32_t IoSerial::openPort(const std::string& portName, const SerialOpenOp
     return KM_IO_OK;
 }
 
-void IoSerial::releasePort() {
-    std::lock_guard lock(mutex_);
-    port_.reset();
-}
-
 void IoSerial::receiveLoop() {
     const int port = port_->fd.get();
     const int stopFd = static_cast<int>(stop_->native());
@@ -189,14 +184,7 @@ void IoSerial::receiveLoop() {
     releasePort();
 }
 
-std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
-    if (length == 0) {
-        return KM_IO_OK;
-    }
-    std::lock_guard lock(mutex_);
-    if (!port_ || !stop_) {
-        return KM_IO_ERR_SEND_FAILED;
-    }
+bool IoSerial::writeAll(const std::uint8_t* data, std::size_t length) {
     const int stopFd = static_cast<int>(stop_->native());
     std::size_t written = 0;
     while (written < length) {
@@ -209,7 +197,7 @@ std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
             continue;
         }
         if (n < 0 && errno != EAGAIN) {
-            return KM_IO_ERR_SEND_FAILED;
+            return false;
         }
         // The output queue is full: wait, without a time limit, for room or
         // for close, which abandons the rest of the data.
@@ -218,13 +206,13 @@ std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
             if (errno == EINTR) {
                 continue;
             }
-            return KM_IO_ERR_SEND_FAILED;
+            return false;
         }
         if (fds[1].revents != 0 || (fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-            return KM_IO_ERR_SEND_FAILED;
+            return false;
         }
     }
-    return KM_IO_OK;
+    return true;
 }
 
 }  // namespace kmio

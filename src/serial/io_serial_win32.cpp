@@ -135,11 +135,6 @@ std::uint32_t IoSerial::openPort(const std::string& portName, const SerialOpenOp
     return KM_IO_OK;
 }
 
-void IoSerial::releasePort() {
-    std::lock_guard lock(mutex_);
-    port_.reset();
-}
-
 void IoSerial::receiveLoop() {
     Port& port = *port_;
     std::array<std::uint8_t, kReadBytes> buffer{};
@@ -200,14 +195,7 @@ void IoSerial::receiveLoop() {
     releasePort();
 }
 
-std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
-    if (length == 0) {
-        return KM_IO_OK;
-    }
-    std::lock_guard lock(mutex_);
-    if (!port_ || !stop_) {
-        return KM_IO_ERR_SEND_FAILED;
-    }
+bool IoSerial::writeAll(const std::uint8_t* data, std::size_t length) {
     Port& port = *port_;
     std::size_t written = 0;
     while (written < length) {
@@ -217,7 +205,7 @@ std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
             continue;
         }
         if (::GetLastError() != ERROR_IO_PENDING) {
-            return KM_IO_ERR_SEND_FAILED;
+            return false;
         }
         // No time limit: only the write's completion or close ends the wait.
         const HANDLE events[2] = {port.writeDone, eventOf(*stop_)};
@@ -226,14 +214,14 @@ std::uint32_t IoSerial::send(const std::uint8_t* data, std::size_t length) {
         if (woken != WAIT_OBJECT_0) {
             ::CancelIoEx(port.file, &port.write);
             ::GetOverlappedResult(port.file, &port.write, &done, TRUE);
-            return KM_IO_ERR_SEND_FAILED;
+            return false;
         }
         if (!::GetOverlappedResult(port.file, &port.write, &done, FALSE) || done != chunk) {
-            return KM_IO_ERR_SEND_FAILED;
+            return false;
         }
         written += chunk;
     }
-    return KM_IO_OK;
+    return true;
 }
 
 }  // namespace kmio

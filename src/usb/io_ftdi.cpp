@@ -6,6 +6,7 @@
 #include <exception>
 #include <optional>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -24,6 +25,7 @@ namespace kmio {
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
+using Wake = FtdiReceiveEvent::Wake;
 
 constexpr std::uint32_t kTransferSize = 65536;
 constexpr std::chrono::milliseconds kBitModeResetPause{10};
@@ -108,7 +110,7 @@ std::uint32_t IoFtdi::open(std::shared_ptr<IoDevice> self) {
             return configured;
         }
         if (!createReceiveEvent() || api.FT_SetEventNotification(chip_.get(), d2xx::kEventRxChar,
-                                                                 receiveEventArgument()) != d2xx::kOk) {
+                                                                 event_->driverArgument()) != d2xx::kOk) {
             chip_.reset();
             return KM_IO_ERR_OPEN_FAILED;
         }
@@ -208,6 +210,21 @@ std::uint32_t IoFtdi::configure(const UsbOpenOptions& options, const LinkProfile
     return ok ? KM_IO_OK : KM_IO_ERR_OPEN_FAILED;
 }
 
+bool IoFtdi::createReceiveEvent() {
+    try {
+        event_ = std::make_unique<FtdiReceiveEvent>();
+        return true;
+    } catch (const std::system_error&) {
+        return false;
+    }
+}
+
+void IoFtdi::requestStop() {
+    if (event_) {
+        event_->requestStop();
+    }
+}
+
 void IoFtdi::close(bool wait) {
     receiver_.stop(wait, [this] {
         stopping_.store(true);
@@ -229,7 +246,7 @@ void IoFtdi::receiveLoop() {
             break;
         }
         if (queued == 0) {
-            const Wake wake = waitForReceiveEvent(healthCheckMs_);
+            const Wake wake = event_->wait(healthCheckMs_);
             if (wake == Wake::Stopped) {
                 break;
             }
@@ -260,7 +277,7 @@ void IoFtdi::receiveLoop() {
 void IoFtdi::reportAndIdle(std::uint32_t code) {
     reportLinkError(code);
     for (;;) {
-        const Wake wake = waitForReceiveEvent(0);
+        const Wake wake = event_->wait(0);
         if (wake == Wake::Stopped) {
             return;
         }

@@ -11,6 +11,7 @@
 #include "link/receiver_thread.h"
 #include "options/option_sets.h"
 #include "usb/ftdi_handle.h"
+#include "usb/ftdi_receive_event.h"
 #include "usb/link_profile.h"
 #include "usb/usb_device_cache.h"
 #include "usb/usb_device_entry.h"
@@ -68,9 +69,6 @@ public:
     static constexpr std::size_t kReadBatchSize = 64 * 1024;
 
 private:
-    // What one wait of the receive thread ended with.
-    enum class Wake { Received, TimedOut, Stopped, Failed };
-
     // Finds the device under the USB mutex and opens it. KM_IO_OK, or the
     // result code of the failed step.
     std::uint32_t findAndOpen(const UsbOpenOptions& options);
@@ -80,32 +78,12 @@ private:
     // Reports a link failure, then waits only for the stop request.
     void reportAndIdle(std::uint32_t code);
 
-    // Operating-system layer (io_ftdi_linux.cpp, io_ftdi_win32.cpp): the
-    // receive event handed to FT_SetEventNotification, and the stop request
-    // that the receive thread waits for together with it.
-    //
-    // Creates the event, not signalled, with the stop flag clear; false when
-    // the system refuses. Called once, before notification is set.
+    // Makes event_; false when the system refuses. Called once, before
+    // notification is set.
     bool createReceiveEvent();
-    // The pointer to hand to FT_SetEventNotification.
-    void* receiveEventArgument();
-    // Waits for the receive event or the stop request, at most timeoutMs
-    // (0: without limit). A stop already requested returns Stopped at once.
-    // The driver says nothing about why it signalled, so Received only means
-    // "look at the queue again"; a failure of the wait itself is Failed.
-    Wake waitForReceiveEvent(std::uint32_t timeoutMs);
-    // Marks the stop as requested and wakes the waiting thread.
-    // Safe to call from any thread, before or after the thread started, and
-    // when the event was never created.
+    // Marks the stop as requested on event_ and wakes the receive thread;
+    // nothing when the event was never made.
     void requestStop();
-    // The event itself is destroyed with the device, after the chip is
-    // closed, so that the driver never signals a destroyed event.
-
-    struct ReceiveEvent;
-    // Defined with the event by the operating-system layer.
-    struct ReceiveEventDeleter {
-        void operator()(ReceiveEvent* event) const noexcept;
-    };
 
     UsbDeviceCache& cache_;
     std::mutex mutex_;  // serialises sends, property reads and closing the chip
@@ -113,7 +91,7 @@ private:
     std::atomic<bool> stopping_{false};
     // Declared before the handle so that the chip is closed before the event
     // is destroyed, whatever path the object takes.
-    std::unique_ptr<ReceiveEvent, ReceiveEventDeleter> event_;
+    std::unique_ptr<FtdiReceiveEvent> event_;
     FtdiHandle chip_;
     UsbDeviceEntry device_;  // the list entry of the chip that was opened
     LinkProfile profile_;

@@ -16,39 +16,16 @@
 #include "options/locator.h"
 #include "platform/error_text.h"
 #include "platform/socket_address.h"
+#include "platform/socket_options.h"
 #include "sim_net.h"
+#include "sim_net_platform.h"
 
 namespace kmiosim {
 
 namespace {
 
-[[noreturn]] void fail(const std::string& what) {
-    throw std::runtime_error(what + ": " + kmio::lastSystemErrorText());
-}
-
 int fdOf(const kmio::Socket& socket) {
     return static_cast<int>(socket.get());
-}
-
-kmio::Socket udpSocket(bool nonBlocking) {
-    kmio::Socket socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0), 0));
-    if (!socket) {
-        fail("Could not create socket");
-    }
-    return socket;
-}
-
-void setInt(const kmio::Socket& socket, int level, int option, int value, const char* what) {
-    if (setsockopt(fdOf(socket), level, option, &value, sizeof value) != 0) {
-        fail(what);
-    }
-}
-
-void bindTo(const kmio::Socket& socket, std::uint32_t address, std::uint16_t port) {
-    const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
-    if (::bind(fdOf(socket), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
-        fail("Could not bind to " + kmio::formatIpv4(address) + ":" + std::to_string(port));
-    }
 }
 
 short pollEvents(unsigned wanted) {
@@ -66,7 +43,7 @@ void pollSockets(std::vector<PollEntry>& entries, int timeoutMs) {
     }
     const int ready = ::poll(fds.data(), fds.size(), timeoutMs);
     if (ready < 0 && errno != EINTR) {
-        fail("poll failed");
+        failWithLastError("poll failed");
     }
     for (std::size_t k = 0; k < entries.size(); ++k) {
         const short got = ready > 0 ? fds[k].revents : 0;
@@ -75,75 +52,32 @@ void pollSockets(std::vector<PollEntry>& entries, int timeoutMs) {
     }
 }
 
+kmio::Socket newSocket(int type, bool nonBlocking) {
+    return kmio::Socket(::socket(AF_INET, type | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0), 0));
+}
+
 // Hosts on the same machine bind the wildcard address on the discovery
 // ports, so the simulator must not: it binds the broadcast address and the
 // group, which Linux lets coexist with a wildcard binding (SO_REUSEADDR) and
 // which still receive the hosts' broadcasts and multicasts.
-kmio::Socket broadcastReceiver(std::uint32_t broadcastAddress, std::uint16_t port) {
-    kmio::Socket socket = udpSocket(true);
-    setInt(socket, SOL_SOCKET, SO_REUSEADDR, 1, "Could not set SO_REUSEADDR");
-    bindTo(socket, broadcastAddress, port);
-    return socket;
+std::uint32_t receiverBindAddress(std::uint32_t broadcastOrGroup) {
+    return broadcastOrGroup;
 }
 
 // IP_MULTICAST_ALL=0 keeps group traffic of other interfaces out.
-kmio::Socket multicastReceiver(std::uint32_t group, std::uint16_t port, std::uint32_t interfaceAddress) {
-    kmio::Socket socket = udpSocket(true);
-    setInt(socket, SOL_SOCKET, SO_REUSEADDR, 1, "Could not set SO_REUSEADDR");
-    setInt(socket, IPPROTO_IP, IP_MULTICAST_ALL, 0, "Could not set IP_MULTICAST_ALL");
-    bindTo(socket, group, port);
-    ip_mreq membership{};
-    membership.imr_multiaddr.s_addr = htonl(group);
-    membership.imr_interface.s_addr = htonl(interfaceAddress);
-    if (setsockopt(fdOf(socket), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) != 0) {
-        fail("Could not join the discovery group");
+void receiveJoinedGroupsOnly(const kmio::Socket& socket) {
+    if (kmio::setSocketInt(socket, IPPROTO_IP, IP_MULTICAST_ALL, 0) != 0) {
+        failWithLastError("Could not set IP_MULTICAST_ALL");
     }
-    return socket;
 }
 
-kmio::Socket datagramSender(std::uint32_t interfaceAddress) {
-    kmio::Socket socket = udpSocket(false);
-    setInt(socket, SOL_SOCKET, SO_BROADCAST, 1, "Could not set SO_BROADCAST");
-    setInt(socket, IPPROTO_IP, IP_MULTICAST_LOOP, 1, "Could not set IP_MULTICAST_LOOP");
-    in_addr outgoing{};
-    outgoing.s_addr = htonl(interfaceAddress);
-    if (setsockopt(fdOf(socket), IPPROTO_IP, IP_MULTICAST_IF, &outgoing, sizeof outgoing) != 0) {
-        fail("Could not set the multicast interface");
-    }
-    bindTo(socket, interfaceAddress, 0);
-    return socket;
+// A reader that goes away must not raise SIGPIPE.
+int streamSendFlags() {
+    return MSG_NOSIGNAL;
 }
 
-std::ptrdiff_t receiveDatagram(const kmio::Socket& socket, std::span<std::uint8_t> buffer,
-                               std::uint32_t& from, std::uint16_t& fromPort) {
-    sockaddr_in sender{};
-    socklen_t size = sizeof sender;
-    const ssize_t got = ::recvfrom(fdOf(socket), buffer.data(), buffer.size(), 0,
-                                   reinterpret_cast<sockaddr*>(&sender), &size);
-    from = ntohl(sender.sin_addr.s_addr);
-    fromPort = ntohs(sender.sin_port);
-    return got;
-}
-
-int sendDatagram(const kmio::Socket& socket, std::uint32_t address, std::uint16_t port,
-                 std::span<const std::uint8_t> datagram) {
-    const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
-    const ssize_t sent = ::sendto(fdOf(socket), datagram.data(), datagram.size(), 0,
-                                  reinterpret_cast<const sockaddr*>(&to), sizeof to);
-    return sent < 0 ? errno : 0;
-}
-
-kmio::Socket tcpListener(std::uint32_t address, std::uint16_t port) {
-    const std::string where = kmio::formatIpv4(address) + ":" + std::to_string(port);
-    kmio::Socket socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int on = 1;
-    const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
-    if (!socket || setsockopt(fdOf(socket), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(fdOf(socket), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
-        ::listen(fdOf(socket), 4) != 0) {
-        fail("Could not listen on " + where);
-    }
-    return socket;
+bool isWouldBlock(int error) {
+    return error == EAGAIN || error == EINTR;
 }
 
 kmio::Socket acceptConnection(const kmio::Socket& listener, std::uint32_t& address, std::uint16_t& port) {
@@ -156,22 +90,6 @@ kmio::Socket acceptConnection(const kmio::Socket& listener, std::uint32_t& addre
     return client;
 }
 
-std::ptrdiff_t receiveStream(const kmio::Socket& socket, std::span<std::uint8_t> buffer) {
-    const ssize_t got = ::recv(fdOf(socket), buffer.data(), buffer.size(), 0);
-    if (got < 0) {
-        return errno == EAGAIN || errno == EINTR ? kWouldBlock : kStreamFailed;
-    }
-    return got;
-}
-
-std::ptrdiff_t sendStream(const kmio::Socket& socket, std::span<const std::uint8_t> data) {
-    const ssize_t sent = ::send(fdOf(socket), data.data(), data.size(), MSG_NOSIGNAL);
-    if (sent < 0) {
-        return errno == EAGAIN || errno == EINTR ? kWouldBlock : kStreamFailed;
-    }
-    return sent;
-}
-
 // SIGINT and SIGTERM become a readable descriptor in the poll loop, so the
 // simulator stops between events and closes every socket on the way out.
 StopRequest::StopRequest() {
@@ -180,11 +98,11 @@ StopRequest::StopRequest() {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
-        fail("Could not block signals");
+        failWithLastError("Could not block signals");
     }
     handle_ = signalfd(-1, &signals, SFD_CLOEXEC);
     if (handle_ < 0) {
-        fail("Could not create signalfd");
+        failWithLastError("Could not create signalfd");
     }
 }
 

@@ -1,25 +1,28 @@
-// The receive event of IoFtdi on Linux: the driver's EVENT_HANDLE, a
-// condition variable and its mutex that the driver signals when bytes
-// arrive. The stop request shares them: a flag set under the mutex and a
-// signal, so that close() wakes the thread at once.
+// The receive event on Linux: the driver's EVENT_HANDLE, a condition variable
+// and its mutex that the driver signals when bytes arrive. The stop request
+// shares them: a flag set under the mutex and a signal, so that close() wakes
+// the thread at once.
 #include <pthread.h>
 #include <time.h>
 
 #include <cerrno>
 #include <memory>
+#include <system_error>
 
-#include "usb/io_ftdi.h"
+#include "usb/d2xx_types.h"
+#include "usb/ftdi_receive_event.h"
 
 namespace kmio {
 
-struct IoFtdi::ReceiveEvent {
+struct FtdiReceiveEvent::State {
     d2xx::EVENT_HANDLE handle{};
     bool stop = false;  // guarded by handle.eMutex
+    bool ready = false;
 
-    ReceiveEvent() = default;
-    ReceiveEvent(const ReceiveEvent&) = delete;
-    ReceiveEvent& operator=(const ReceiveEvent&) = delete;
-    ~ReceiveEvent() {
+    State() = default;
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+    ~State() {
         if (ready) {
             ::pthread_cond_destroy(&handle.eCondVar);
             ::pthread_mutex_destroy(&handle.eMutex);
@@ -46,33 +49,27 @@ struct IoFtdi::ReceiveEvent {
         ready = true;
         return true;
     }
-
-    bool ready = false;
 };
 
-void IoFtdi::ReceiveEventDeleter::operator()(ReceiveEvent* event) const noexcept {
-    delete event;
-}
-
-bool IoFtdi::createReceiveEvent() {
-    std::unique_ptr<ReceiveEvent, ReceiveEventDeleter> event(new ReceiveEvent);
-    if (!event->initialise()) {
-        return false;
+FtdiReceiveEvent::FtdiReceiveEvent() : state_(std::make_unique<State>()) {
+    if (!state_->initialise()) {
+        throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again),
+                                "Could not create the receive event");
     }
-    event_ = std::move(event);
-    return true;
 }
 
-void* IoFtdi::receiveEventArgument() {
-    return &event_->handle;
+FtdiReceiveEvent::~FtdiReceiveEvent() = default;
+
+void* FtdiReceiveEvent::driverArgument() noexcept {
+    return &state_->handle;
 }
 
-IoFtdi::Wake IoFtdi::waitForReceiveEvent(std::uint32_t timeoutMs) {
-    pthread_mutex_t* mutex = &event_->handle.eMutex;
-    pthread_cond_t* condition = &event_->handle.eCondVar;
+FtdiReceiveEvent::Wake FtdiReceiveEvent::wait(std::uint32_t timeoutMs) {
+    pthread_mutex_t* mutex = &state_->handle.eMutex;
+    pthread_cond_t* condition = &state_->handle.eCondVar;
     ::pthread_mutex_lock(mutex);
     int waited = 0;
-    if (!event_->stop) {
+    if (!state_->stop) {
         if (timeoutMs == 0) {
             waited = ::pthread_cond_wait(condition, mutex);
         } else {
@@ -87,7 +84,7 @@ IoFtdi::Wake IoFtdi::waitForReceiveEvent(std::uint32_t timeoutMs) {
             waited = ::pthread_cond_timedwait(condition, mutex, &deadline);
         }
     }
-    const bool stop = event_->stop;
+    const bool stop = state_->stop;
     ::pthread_mutex_unlock(mutex);
     if (stop) {
         return Wake::Stopped;
@@ -98,14 +95,11 @@ IoFtdi::Wake IoFtdi::waitForReceiveEvent(std::uint32_t timeoutMs) {
     return waited == ETIMEDOUT ? Wake::TimedOut : Wake::Failed;
 }
 
-void IoFtdi::requestStop() {
-    if (!event_) {
-        return;
-    }
-    ::pthread_mutex_lock(&event_->handle.eMutex);
-    event_->stop = true;
-    ::pthread_cond_signal(&event_->handle.eCondVar);
-    ::pthread_mutex_unlock(&event_->handle.eMutex);
+void FtdiReceiveEvent::requestStop() noexcept {
+    ::pthread_mutex_lock(&state_->handle.eMutex);
+    state_->stop = true;
+    ::pthread_cond_signal(&state_->handle.eCondVar);
+    ::pthread_mutex_unlock(&state_->handle.eMutex);
 }
 
 }  // namespace kmio
