@@ -4,11 +4,6 @@
 // device side without any of the code under test, datagrams written out by
 // hand from the layout table, and a log sink that collects lines.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -24,9 +19,8 @@
 #include <vector>
 
 #include "discovery/discovery_log.h"
-#include "platform/socket_address.h"
-#include "platform/unique_fd.h"
 #include "support/checks.h"
+#include "support/socket_calls.h"
 
 namespace kmiotest {
 
@@ -77,29 +71,31 @@ class UdpSocket {
 public:
     // Bound to address:port with SO_REUSEADDR (port 0: any port). Multicasts
     // leave through loopback; bound to the group, the socket joins it on
-    // loopback alone and ignores every other membership on the machine.
-    UdpSocket(std::uint32_t address, std::uint16_t port)
-        : fd_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    // loopback alone and, where the system can, ignores every other
+    // membership on the machine.
+    UdpSocket(std::uint32_t address, std::uint16_t port) : socket_(openSocket(SOCK_DGRAM)) {
         const int one = 1;
+        setOption(socket_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        setOption(socket_, SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
+#if defined(IP_MULTICAST_ALL)
         const int zero = 0;
-        ::setsockopt(fd_.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        ::setsockopt(fd_.get(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one);
-        ::setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_ALL, &zero, sizeof zero);
-        const in_addr loopback{htonl(kLoopback)};
-        ::setsockopt(fd_.get(), IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback);
-        const ip_mreq group{{htonl(kGroup)}, loopback};
-        const sockaddr_in local = kmio::ipv4SocketAddress(address, port);
-        if (!fd_ || ::bind(fd_.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0 ||
-            (address == kGroup &&
-             ::setsockopt(fd_.get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0)) {
+        setOption(socket_, IPPROTO_IP, IP_MULTICAST_ALL, &zero, sizeof zero);
+#endif
+        in_addr loopback{};
+        loopback.s_addr = htonl(kLoopback);
+        setOption(socket_, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback);
+        const bool shared = address == kGroup || address == kLoopbackBroadcast;
+        ip_mreq group{};
+        group.imr_multiaddr.s_addr = htonl(kGroup);
+        group.imr_interface = loopback;
+        if (!bindTo(socket_, shared && !kBindsBroadcastAddresses ? std::uint32_t{0} : address, port) ||
+            (address == kGroup && !setOption(socket_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group))) {
             throw std::runtime_error("UDP socket setup");
         }
     }
 
     void sendTo(std::uint32_t address, std::uint16_t port, const Bytes& bytes) const {
-        const sockaddr_in to = kmio::ipv4SocketAddress(address, port);
-        if (::sendto(fd_.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-                     sizeof to) < 0) {
+        if (!sendDatagram(socket_, address, port, bytes.data(), bytes.size())) {
             throw std::runtime_error("sendto");
         }
     }
@@ -111,19 +107,12 @@ public:
         const auto deadline = std::chrono::steady_clock::now() + limit;
         for (auto now = std::chrono::steady_clock::now(); now < deadline;
              now = std::chrono::steady_clock::now()) {
-            pollfd p{fd_.get(), POLLIN, 0};
-            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now);
-            if (::poll(&p, 1, static_cast<int>(left.count())) != 1) {
+            if (!waitReadable(socket_, std::chrono::ceil<std::chrono::milliseconds>(deadline - now))) {
                 continue;
             }
             Datagram d{Bytes(65536)};
-            sockaddr_in from{};
-            socklen_t length = sizeof from;
-            const ssize_t n = ::recvfrom(fd_.get(), d.bytes.data(), d.bytes.size(), 0,
-                                         reinterpret_cast<sockaddr*>(&from), &length);
-            d.bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-            d.source = ntohl(from.sin_addr.s_addr);
-            d.sourcePort = ntohs(from.sin_port);
+            const auto n = receiveDatagram(socket_, d.bytes.data(), d.bytes.size(), d.source, d.sourcePort);
+            d.bytes.resize(static_cast<std::size_t>(std::max<std::ptrdiff_t>(n, 0)));
             if (n >= 0 && (!wanted || wanted(d))) {
                 return d;
             }
@@ -132,7 +121,7 @@ public:
     }
 
 private:
-    kmio::UniqueFd fd_;
+    kmio::Socket socket_;
 };
 
 // Device side of the tests, on plain sockets: answers every Discover Request

@@ -3,17 +3,15 @@
 // A device with a real receiving thread: bytes sent to it come back through
 // onReceive from that thread.
 
-#include <poll.h>
-
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "link/io_device.h"
 #include "link/receiver_thread.h"
-#include "platform/wake_event.h"
 
 namespace kmiotest {
 
@@ -56,28 +54,25 @@ private:
     void update(Fn fn) {
         std::lock_guard<std::mutex> lock(mutex_);
         fn();
-        wake_.signal();
+        changed_.notify_one();
     }
     void run() {
         for (std::vector<std::uint8_t> bytes;; bytes.clear()) {
-            pollfd pfd{static_cast<int>(wake_.native()), POLLIN, 0};
-            ::poll(&pfd, 1, -1);
             {
-                std::lock_guard<std::mutex> lock(mutex_);
+                std::unique_lock<std::mutex> lock(mutex_);
+                changed_.wait(lock, [this] { return stop_ || !pending_.empty(); });
                 if (stop_)
                     break;
-                wake_.reset();
                 bytes.swap(pending_);
             }
-            if (!bytes.empty())
-                deliver(bytes.data(), bytes.size());
+            deliver(bytes.data(), bytes.size());
         }
         ++counters_.threadsEnded;
     }
 
     DeviceCounters& counters_;
     std::mutex mutex_;
-    kmio::WakeEvent wake_;
+    std::condition_variable changed_;
     std::vector<std::uint8_t> pending_;
     bool stop_ = false;
     kmio::ReceiverThread thread_;

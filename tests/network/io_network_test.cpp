@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -55,11 +56,18 @@ Opened open(const std::string& locator, const std::string& options, Sink& sink,
 TEST(IoNetwork, LocatorAndPortRulesReachTheirResults) {
     kmiotest::TcpPeer peer;
     std::uint16_t refusedPort = 0;
-    const UniqueFd boundOnly = kmiotest::loopbackSocket(-1, refusedPort);
+    const Socket boundOnly = kmiotest::tcpListener(-1, refusedPort);
     const std::string p = std::to_string(peer.port());
     // Labels longer than 63 bytes are rejected by the resolver itself, so no
     // query leaves the machine; ".invalid" keeps the name unresolvable anyway.
     const std::string unknownHost = std::string(70, 'a') + ".invalid";
+#if defined(_WIN32)
+    // The Windows link waits for the connect by writability alone, so a
+    // refusal shows only when that wait ends: shorten it.
+    const std::string refusedOptions = "connect-timeout 300";
+#else
+    const std::string refusedOptions;
+#endif
     const struct {
         std::string locator, options;
         std::uint32_t expected;
@@ -76,7 +84,7 @@ TEST(IoNetwork, LocatorAndPortRulesReachTheirResults) {
         {"network:sn:SN1:0", "", KM_IO_OK},
         {"network:sn:SN2", "port " + p, KM_IO_ERR_NOT_FOUND},
         {"network:" + unknownHost + ":" + p, "", KM_IO_ERR_NOT_FOUND},
-        {"network:127.0.0.1:" + std::to_string(refusedPort), "", KM_IO_ERR_NOT_FOUND},
+        {"network:127.0.0.1:" + std::to_string(refusedPort), refusedOptions, KM_IO_ERR_NOT_FOUND},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.locator + " / " + c.options);
@@ -96,10 +104,9 @@ TEST(IoNetwork, ConnectTimeoutIsReadFromTheRawOptionText) {
     // A listener whose accept queue is full drops new connection requests, so
     // a connect to it waits for the whole timeout.
     std::uint16_t port = 0;
-    const UniqueFd full = kmiotest::loopbackSocket(0, port);
-    const UniqueFd queued(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(::connect(queued.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const Socket full = kmiotest::tcpListener(0, port);
+    const Socket queued = kmiotest::openSocket(SOCK_STREAM);
+    ASSERT_TRUE(kmiotest::connectTo(queued, INADDR_LOOPBACK, port));
 
     // The second line is unknown to the option set, so only the raw look-up,
     // which finds the key inside the longer one, shortens the 5 s default.
@@ -169,15 +176,22 @@ TEST(IoNetwork, CloseReturnsPromptlyAndTheThreadReleasesTheDevice) {
         const auto start = Clock::now();
         opened.device->close(wait);
         EXPECT_LT(Clock::now() - start, 250ms);
+        if (wait) {
+            // The thread has ended: no callback follows, and the socket is gone.
+            sink.closed = true;
+            const std::uint8_t byte = 1;
+            EXPECT_EQ(opened.device->send(&byte, 1), KM_IO_ERR_SEND_FAILED);
+        }
         // Without waiting, the receiving thread holds the device until it ends.
         opened.device.reset();
         EXPECT_TRUE(kmiotest::eventually([&] { return watch.expired(); }));
+        EXPECT_TRUE(sink.waitUntil([&] { return sink.callsAfterClose == 0; }));
     }
 }
 
 TEST(IoNetwork, CloseEndsASendBlockedOnAPeerThatDoesNotRead) {
     std::uint16_t port = 0;
-    const UniqueFd silent = kmiotest::loopbackSocket(1, port);  // never accepts, never reads
+    const Socket silent = kmiotest::tcpListener(1, port);  // never accepts, never reads
     Sink sink;
     Opened opened = open("network:127.0.0.1:" + std::to_string(port), "", sink);
     ASSERT_EQ(opened.result, KM_IO_OK);

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "network/api_support.h"
+#include "support/wine.h"
 
 namespace kmiotest {
 namespace {
@@ -84,38 +85,34 @@ std::unique_ptr<ChildProcess> startDiscoveringTwoDevices(EventLog& events) {
     return sim;
 }
 
-TEST(DiscoveryEvents, ANewChannelReportsTheDevicesAlreadyThere) {
+TEST(DiscoveryEvents, DevicesAreReportedWhenFoundAndWhenGoneAndBadSettingsChangeNoLocator) {
     EventLog events;
     const auto sim = startDiscoveringTwoDevices(events);
     EXPECT_EQ(events.at(0), std::make_pair(1u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
     EXPECT_EQ(events.at(1), std::make_pair(1u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
-}
-
-TEST(DiscoveryEvents, TheCallbackCannotReenterTheTable) {
-    EventLog events;
-    const auto sim = startDiscoveringTwoDevices(events);
     EXPECT_EQ(events.reentryFailures(), 2u);
-}
-
-TEST(DiscoveryEvents, BadGlobalSettingsLeaveTheLocatorFormatAsItWas) {
-    EventLog events;
-    const auto sim = startDiscoveringTwoDevices(events);
-    EXPECT_EQ(KM_IO_SetGlobalOptions("locator-format-network HOST"), KM_IO_ERR_BAD_OPTIONS);
-    for (const char* bad : {"locator-format-network host\ndiscovery-iface network:bogus",
-                            "locator-format-network host\ndiscovery-iface network:0.0.0.0"}) {
+    // Rejected settings leave the "sn" locator format in force for the events that follow.
+    for (const char* bad :
+         {"locator-format-network HOST", "locator-format-network host\ndiscovery-iface network:bogus",
+          "locator-format-network host\ndiscovery-iface network:0.0.0.0"}) {
         EXPECT_EQ(KM_IO_SetGlobalOptions(bad), KM_IO_ERR_BAD_OPTIONS) << bad;
     }
-    // A client makes the device busy: the event still carries the "sn" locator.
-    std::uint32_t handle = 0;
-    ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
-    ASSERT_EQ(events.waitFor(3), 3u);
-    EXPECT_EQ(events.at(2).second, deviceLine("NE0001", 56340, "network:sn:NE0001", "0"));
-    EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
+
+    sim->terminate();
+    std::uint32_t rc = 0;
+    enumerate(kLoopbackEnumeration + "force-rescan 1", rc);
+    ASSERT_EQ(events.waitFor(4), 4u);
+    EXPECT_EQ(events.at(2), std::make_pair(2u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
+    EXPECT_EQ(events.at(3), std::make_pair(2u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
 }
 
-TEST(DiscoveryEvents, ABusyDeviceIsReportedUnavailableAndListedOnlyWhenUnavailableOnesAreAsked) {
+TEST(DiscoveryEvents, ABusyDeviceIsReportedInTheLocatorFormatInForceAndListedOnlyWhenAsked) {
+    if (runningUnderWine()) {
+        GTEST_SKIP() << kWineHearsNoLoopbackBroadcasts;  // a device tells of a change by broadcast
+    }
     EventLog events;
     const auto sim = startDiscoveringTwoDevices(events);
+    // A client makes the device busy.
     std::uint32_t handle = 0;
     ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
     ASSERT_EQ(events.waitFor(3), 3u);
@@ -124,31 +121,13 @@ TEST(DiscoveryEvents, ABusyDeviceIsReportedUnavailableAndListedOnlyWhenUnavailab
     EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator", rc), "network:sn:NE0002");
     EXPECT_EQ(enumerate(kLoopbackEnumeration + "only-locator\nfind-only-available 0", rc),
               "network:sn:NE0001\nnetwork:sn:NE0002");
-    EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
-}
 
-TEST(DiscoveryEvents, ALocatorFormatSetWhileDiscoveringShapesTheNextEvents) {
-    EventLog events;
-    const auto sim = startDiscoveringTwoDevices(events);
-    std::uint32_t handle = 0;
-    ASSERT_EQ(KM_IO_Open(&handle, "network:127.0.0.1:56340", "", nullptr, &ignore, nullptr), KM_IO_OK);
-    ASSERT_EQ(events.waitFor(3), 3u);
+    // A format set while discovering shapes the next event: the client
+    // leaving makes the device available again.
     ASSERT_EQ(KM_IO_SetGlobalOptions("locator-format-network host"), KM_IO_OK);
-    // The client leaving makes the device available again.
     EXPECT_EQ(KM_IO_Close(handle, 1), KM_IO_OK);
     ASSERT_EQ(events.waitFor(4), 4u);
     EXPECT_EQ(events.at(3), std::make_pair(1u, deviceLine("NE0001", 56340, "network:127.0.0.1:56340")));
-}
-
-TEST(DiscoveryEvents, DevicesThatStopAnsweringAreReportedGoneByTheNextPass) {
-    EventLog events;
-    const auto sim = startDiscoveringTwoDevices(events);
-    sim->terminate();
-    std::uint32_t rc = 0;
-    enumerate(kLoopbackEnumeration + "force-rescan 1", rc);
-    ASSERT_EQ(events.waitFor(4), 4u);
-    EXPECT_EQ(events.at(2), std::make_pair(2u, deviceLine("NE0001", 56340, "network:sn:NE0001")));
-    EXPECT_EQ(events.at(3), std::make_pair(2u, deviceLine("NE0002", 56341, "network:sn:NE0002")));
 }
 
 TEST(NetworkEnumeration, GlobalInterfaceNoneEndsDiscoveryUntilSetAgain) {

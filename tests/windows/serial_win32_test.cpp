@@ -10,7 +10,7 @@
 #include "serial/io_serial.h"
 #include "serial/serial_port_scanner.h"
 #include "support/callback_sink.h"
-#include "wine.h"
+#include "support/wine.h"
 
 namespace {
 
