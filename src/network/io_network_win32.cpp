@@ -112,6 +112,14 @@ IoNetwork::Readiness IoNetwork::waitReadable(int timeoutMs, int& error) {
         if ((happened.lNetworkEvents & FD_CLOSE) != 0) {
             waitState_->peerClosed = true;
         }
+        // Every recv that leaves bytes behind posts FD_READ again, so the
+        // event can still be set after a later recv took the rest. Only
+        // FD_CLOSE means the peer has gone: a read event with nothing to
+        // read is stale, not a closed peer.
+        std::size_t pending = 0;
+        if (!waitState_->peerClosed && pendingBytes(pending) && pending == 0) {
+            return Readiness::Idle;
+        }
         return Readiness::Readable;
     }
     return waitState_->peerClosed ? Readiness::Readable : Readiness::Idle;
