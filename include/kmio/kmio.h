@@ -444,7 +444,11 @@ KM_IO_API uint32_t KM_IO_CALL KM_IO_GetProperty(uint32_t handle, const char *key
  * and must not call KM_IO_Open, KM_IO_Close, KM_IO_Send, KM_IO_GetProperty,
  * KM_IO_SetEventCallback or KM_IO_SetGlobalOptions: such a call fails with a
  * C++ std::system_error (resource deadlock would occur) thrown through the
- * caller. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
+ * caller. kmio.dll carries its own C++ runtime, so a C++ caller on Windows
+ * that catches it must compare code().value() with
+ * (int)std::errc::resource_deadlock_would_occur: comparing the code with the
+ * errc itself is false there, the two runtimes' categories being different
+ * objects. KM_IO_GetErrorEventData and KM_IO_GetDiscoveryEventData may be
  * called. KM_IO_EnumerateDevices may be called, but a listing that includes
  * the network link returns KM_IO_ERR_ENUMERATION_FAILED at once: a discovery
  * pass ends by raising events, which would wait for the callback to return.
