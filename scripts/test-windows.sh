@@ -131,6 +131,8 @@ run_width() {
         rm -rf "${prefix}"
         prefixes+=("${prefix}")
         WINEPREFIX=${prefix} WINEDEBUG=-all wineboot -i >/dev/null 2>&1
+        # Until its server ends, the new prefix has no registry files to copy.
+        WINEPREFIX=${prefix} wineserver -w
         echo "=== ${preset}: test under Wine"
         ctest --preset "${preset}" ${filter:+-R "${filter}"} 2>&1 | tee "${log}" || status=1
         WINEPREFIX=${prefix} wineserver -k 2>/dev/null || true

@@ -24,7 +24,6 @@ skip() {
 }
 [ "$(id -u)" -eq 0 ] || skip "network namespaces need root"
 command -v ip >/dev/null || skip "the ip command is missing"
-[ -n "${WINEPREFIX:-}" ] && [ -d "${WINEPREFIX}" ] || skip "no initialised WINEPREFIX to copy"
 
 tag=$$
 hostns=kmw-host-$tag
@@ -64,12 +63,18 @@ for i in 1 2; do
     ip -n "$devns" link set kmwd up
 done
 # The prefix's 700 MB of DLLs are only read: hard links serve. The registry
-# files are written, so each namespace gets copies of its own.
+# files are written, so each namespace gets copies of its own. A prefix whose
+# Wine server has not yet saved its registry cannot be copied: then each
+# namespace makes a prefix of its own.
 for ns in $hostns kmw-dev1-$tag kmw-dev2-$tag; do
-    cp -al "$WINEPREFIX" "$work/$ns"
-    for file in "$WINEPREFIX"/*.reg; do
-        cp --remove-destination "$file" "$work/$ns/"
-    done
+    if [ -n "${WINEPREFIX:-}" ] && [ -f "$WINEPREFIX/system.reg" ]; then
+        cp -al "$WINEPREFIX" "$work/$ns"
+        for file in "$WINEPREFIX"/*.reg; do
+            cp --remove-destination "$file" "$work/$ns/"
+        done
+    else
+        in_ns "$ns" wineboot -i >/dev/null 2>&1
+    fi
 done
 
 for i in 1 2; do
