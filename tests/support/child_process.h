@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/unique_fd.h"
+#include "support/line_cursor.h"
 
 namespace kmiotest {
 
@@ -101,18 +102,7 @@ public:
     // line cannot match early, and the search starts after the line that the
     // previous call matched, so that events are met in order.
     bool waitForLine(std::string_view text, milliseconds limit = kPatience) {
-        return collectUntil(
-            [&] {
-                for (std::size_t end; (end = out().find('\n', matched_)) != std::string::npos;) {
-                    const auto line = std::string_view(out()).substr(matched_, end - matched_);
-                    matched_ = end + 1;
-                    if (line.find(text) != std::string_view::npos) {
-                        return true;
-                    }
-                }
-                return false;
-            },
-            limit);
+        return collectUntil([&] { return lines_.nextLineHolding(out(), text); }, limit);
     }
 
     // Collects output to its end and reaps the program, killing it when the
@@ -178,9 +168,9 @@ private:
 
     pid_t pid_ = -1;
     int status_ = -1;
-    kmio::UniqueFd fds_[3];    // our ends of the child's stdin, stdout and stderr
-    std::string text_[3];      // what came from stdout and stderr
-    std::size_t matched_ = 0;  // stdout before this index has been searched by waitForLine
+    kmio::UniqueFd fds_[3];  // our ends of the child's stdin, stdout and stderr
+    std::string text_[3];    // what came from stdout and stderr
+    LineCursor lines_;       // how far waitForLine has searched stdout
 };
 
 struct RunResult {

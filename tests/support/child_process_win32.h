@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/line_cursor.h"
+
 namespace kmiotest {
 
 using std::chrono::milliseconds;
@@ -75,12 +77,8 @@ public:
     bool waitForLine(std::string_view text, milliseconds limit = kPatience) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
         for (;;) {
-            for (std::size_t end; (end = text_.find('\n', matched_)) != std::string::npos;) {
-                const auto line = std::string_view(text_).substr(matched_, end - matched_);
-                matched_ = end + 1;
-                if (line.find(text) != std::string_view::npos) {
-                    return true;
-                }
+            if (lines_.nextLineHolding(text_, text)) {
+                return true;
             }
             if (std::chrono::steady_clock::now() > deadline || !readAvailable()) {
                 return false;
@@ -123,7 +121,7 @@ private:
     UniqueHandle process_;
     UniqueHandle output_;
     std::string text_;
-    std::size_t matched_ = 0;
+    LineCursor lines_;
 };
 
 }  // namespace kmiotest
