@@ -77,7 +77,20 @@
  * --------------------
  * A port is named by its device path ("serial:/dev/ttyUSB0"); enumeration
  * lists the ttys of /sys/class/tty that belong to hardware, in natural name
- * order (ttyS2 before ttyS10), without phantom 8250 ports. An open port is
+ * order (ttyS2 before ttyS10), without phantom 8250 ports (ports whose sysfs
+ * "type" reads 0; USB serial adapters and CDC ACM devices, which have no such
+ * attribute, are always listed). With the enumeration option
+ * "serial-usb-info" (KM_IO_IFACE_ALL), the record of a port that sits on a
+ * USB device also carries, after "locator", what the kernel knows of that
+ * device in the keys of the USB record: "usb-vid" and "usb-pid" (decimal),
+ * "usb-desc" (product text) and "device-sn" (serial number text, empty when
+ * the device has none); and "find-usb-vid", "find-usb-pid",
+ * "find-usb-product-name" and "find-device-sn" then keep only the ports whose
+ * USB device matches (a port on no USB device matches no such filter). Without
+ * the option serial records hold "iface-type" and "locator" only, whatever the
+ * other options say. "include-usb-vid", "include-usb-pid" and
+ * "include-device-sn" select those keys; "usb-desc" shows with "include-all".
+ * Serial port identities are read on Linux only. An open port is
  * held exclusively (flock plus TIOCEXCL; the lock is also how enumeration
  * tells that a port is in use): opening a port that another program holds
  * gives KM_IO_ERR_OPEN_FAILED. The line is raw 8N1 with modem-status lines
@@ -524,7 +537,8 @@ KM_IO_API uint32_t KM_IO_CALL KM_IO_CanEnumerateDevices(uint32_t interfaceType, 
  * "discovery-timeout MS" (default 100), "force-rescan" (ignore the caches:
  * 3 s for network, 1.5 s for USB), "locator-format-network sn|host",
  * "locator-format-usb sn|id",
- * "only-locator", "include-KEY".
+ * "only-locator", "include-KEY", "serial-usb-info" (serial records with the
+ * identity of their USB device; see "Serial ports (Linux)").
  *
  * @param interfaceType KM_IO_IFACE_USB, KM_IO_IFACE_SERIAL or KM_IO_IFACE_ALL.
  * @param options option string; null is the same as "".

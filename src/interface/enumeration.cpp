@@ -55,7 +55,7 @@ std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view te
     }
     if (options.selects("serial")) {
         RecordList serial;
-        if (const std::uint32_t result = enumerateSerialDevices(options.serial.forceRescan, serial);
+        if (const std::uint32_t result = enumerateSerialDevices(options.serial, serial);
             result != KM_IO_OK) {
             return result;
         }

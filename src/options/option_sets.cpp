@@ -108,7 +108,13 @@ EnumerationOptions EnumerationOptions::parse(std::string_view text) {
     reader.getList("find-protocol-id", net.findProtocolId);
     reader.get("locator-format-network", net.locatorFormatNetwork);
 
-    reader.get("force-rescan", o.serial.forceRescan);
+    SerialEnumerationOptions& serial = o.serial;
+    reader.get("force-rescan", serial.forceRescan);
+    reader.get("serial-usb-info", serial.usbInfo);
+    serial.findUsbPid = usb.findUsbPid;
+    serial.findUsbVid = usb.findUsbVid;
+    serial.findUsbProductName = usb.findUsbProductName;
+    serial.findDeviceSn = net.findDeviceSn;
 
     // One include key may belong to several record kinds ("locator"); it is
     // read once and listed once, at its first place.

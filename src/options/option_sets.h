@@ -59,6 +59,14 @@ struct NetworkEnumerationOptions {
 
 struct SerialEnumerationOptions {
     bool forceRescan = false;
+    // "serial-usb-info": records of ports on a USB device carry its identity,
+    // and the USB filters below apply to serial ports. Off, serial records
+    // and the filters are what they always were.
+    bool usbInfo = false;
+    std::vector<std::uint32_t> findUsbPid;
+    std::vector<std::uint32_t> findUsbVid;
+    std::vector<std::string> findUsbProductName;
+    std::vector<std::string> findDeviceSn;
 };
 
 // KM_IO_EnumerateDevices over all links (type 9999).

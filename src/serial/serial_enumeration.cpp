@@ -1,27 +1,59 @@
 #include "serial/serial_enumeration.h"
 
+#include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "serial/serial_port_cache.h"
 #include "kmio/kmio.h"
+#include "options/option_sets.h"
 #include "options/text_output.h"
+#include "serial/serial_port_cache.h"
 
 namespace kmio {
 
-std::uint32_t enumerateSerialDevices(SerialPortCache& cache, bool forceRescan, RecordList& records) {
-    if (const std::uint32_t result = cache.refresh(forceRescan); result != KM_IO_OK) {
+namespace {
+
+template <typename T>
+bool admits(const std::vector<T>& wanted, const T& value) {
+    return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
+}
+
+// A port passes the USB filters when each non-empty one names its adapter's
+// value; a port without a USB adapter passes only when all are empty.
+bool passesUsbFilters(const SerialEnumerationOptions& options, const std::optional<UsbAdapterIdentity>& usb) {
+    if (!usb) {
+        return options.findUsbVid.empty() && options.findUsbPid.empty() &&
+               options.findUsbProductName.empty() && options.findDeviceSn.empty();
+    }
+    return admits(options.findUsbVid, std::uint32_t{usb->vendorId}) &&
+           admits(options.findUsbPid, std::uint32_t{usb->productId}) &&
+           admits(options.findUsbProductName, usb->product) &&
+           admits(options.findDeviceSn, usb->serialNumber);
+}
+
+}  // namespace
+
+std::uint32_t enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
+                                     RecordList& records) {
+    if (const std::uint32_t result = cache.refresh(options.forceRescan); result != KM_IO_OK) {
         return result;
     }
     // Ports that someone else held at the last scan cannot be opened, so they
     // are not offered as devices.
     for (const auto& port : cache.ports()) {
-        if (!port.available) {
+        if (!port.available || (options.usbInfo && !passesUsbFilters(options, port.usb))) {
             continue;
         }
         PropertyRecord record;
         record.set("iface-type", "serial");
         record.set("locator", "serial:" + port.name);
+        if (options.usbInfo && port.usb) {
+            record.set("usb-vid", std::to_string(port.usb->vendorId));
+            record.set("usb-pid", std::to_string(port.usb->productId));
+            record.set("usb-desc", port.usb->product);
+            record.set("device-sn", port.usb->serialNumber);
+        }
         records.push_back(std::move(record));
     }
     return KM_IO_OK;
@@ -57,8 +89,8 @@ std::uint32_t listSerialLocators(SerialPortCache& cache, std::string_view option
     return copyTextOut(joinTexts(locators, "\n"), buffer, ioSize);
 }
 
-std::uint32_t enumerateSerialDevices(bool forceRescan, RecordList& records) {
-    return enumerateSerialDevices(SerialPortCache::processWide(), forceRescan, records);
+std::uint32_t enumerateSerialDevices(const SerialEnumerationOptions& options, RecordList& records) {
+    return enumerateSerialDevices(SerialPortCache::processWide(), options, records);
 }
 
 std::uint32_t enumerateSerialInterfaces(RecordList& records) {

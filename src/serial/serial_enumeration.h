@@ -10,11 +10,14 @@ namespace kmio {
 
 class SerialPortCache;
 class SerialPortScanner;
+struct SerialEnumerationOptions;
 
 // The serial link's enumeration, over the process-wide port cache.
 
 // Records ("iface-type", "locator") of the ports available at the last scan.
-std::uint32_t enumerateSerialDevices(bool forceRescan, RecordList& records);
+// With options.usbInfo, a port on a USB device also carries "usb-vid",
+// "usb-pid" (decimal), "usb-desc" and "device-sn", and the USB filters apply.
+std::uint32_t enumerateSerialDevices(const SerialEnumerationOptions& options, RecordList& records);
 
 // Records ("iface-type", "name", "serial-port") of every port, from a fresh scan.
 std::uint32_t enumerateSerialInterfaces(RecordList& records);
@@ -23,7 +26,8 @@ std::uint32_t enumerateSerialInterfaces(RecordList& records);
 std::uint32_t listSerialLocators(std::string_view optionsText, char* buffer, std::size_t* ioSize);
 
 // The same over a given cache or scanner, so that tests can use a fake tree.
-std::uint32_t enumerateSerialDevices(SerialPortCache& cache, bool forceRescan, RecordList& records);
+std::uint32_t enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
+                                     RecordList& records);
 std::uint32_t enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records);
 std::uint32_t listSerialLocators(SerialPortCache& cache, std::string_view optionsText, char* buffer,
                                  std::size_t* ioSize);

@@ -1,15 +1,30 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace kmio {
 
+// What the system knows of the USB device behind a serial port (a USB serial
+// adapter or a CDC ACM device), so that a user with several adapters can tell
+// them apart. Texts are empty when the device does not report them.
+struct UsbAdapterIdentity {
+    std::uint16_t vendorId = 0;
+    std::uint16_t productId = 0;
+    std::string product;       // the USB product string
+    std::string serialNumber;  // the USB serial number string
+};
+
 // One serial port found by a scan.
 struct SerialPortEntry {
     std::string name;        // the device path, e.g. /dev/ttyUSB0
     bool available = false;  // could be opened read-write and locked at scan time
+    // Set for ports that sit on a USB device, where the system says so
+    // (Linux: sysfs); empty for on-board UARTs and on systems that do not tell.
+    std::optional<UsbAdapterIdentity> usb;
 };
 
 // Lists the machine's serial ports. On Linux these are the entries of
