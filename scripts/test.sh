@@ -14,6 +14,9 @@
 #   tsan     the suite under ThreadSanitizer
 #   packaging  install, consumer builds, Debian packages, API reference and
 #            the Python package's tests (needs the default build)
+#   device   scripts/test-device.sh: a QEMU guest with Debian's kernel and
+#            two emulated FTDI chips on Linux's own ftdi_sio driver (needs
+#            the default build)
 #   fuzz     scripts/test-fuzz.sh: each libFuzzer target for about 20 s
 #   windows  the Windows cross-build, its checks and its suite under Wine
 #            (scripts/test-windows.sh)
@@ -22,7 +25,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all_stages=(default asan tsan packaging fuzz windows)
+all_stages=(default asan tsan packaging device fuzz windows)
 stages=("$@")
 if ((${#stages[@]} == 0)); then
     stages=("${all_stages[@]}")
@@ -63,6 +66,7 @@ for stage in "${stages[@]}"; do
     case ${name} in
     default | asan | tsan) run_suite "${name}" "${filter}" ;;
     packaging) scripts/test-packaging.sh build/default ;;
+    device) scripts/test-device.sh build/default ;;
     windows)
         scripts/test-windows.sh --install-only
         "${isolated[@]}" scripts/test-windows.sh --installed ${filter:+"${filter}"}
