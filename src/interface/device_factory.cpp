@@ -1,6 +1,5 @@
 #include "interface/device_factory.h"
 
-#include "interface/process_discovery.h"
 #include "network/io_network.h"
 #include "network/network_enumeration.h"
 #include "serial/io_serial.h"
@@ -8,22 +7,23 @@
 
 namespace kmio {
 
-std::shared_ptr<IoDevice> makeDevice(std::uint32_t interfaceType, const std::string& locator,
-                                     const std::string& options, void* userContext,
-                                     KM_IO_ReceiveCallback onReceive, KM_IO_LinkErrorCallback onError) {
+std::shared_ptr<IoDevice> makeDevice(const DeviceLinks& links, std::uint32_t interfaceType,
+                                     const std::string& locator, const std::string& options,
+                                     void* userContext, KM_IO_ReceiveCallback onReceive,
+                                     KM_IO_LinkErrorCallback onError) {
     if (interfaceType == KM_IO_IFACE_SERIAL) {
         return std::make_shared<IoSerial>(locator, options, userContext, onReceive, onError);
     }
     if (interfaceType == KM_IO_IFACE_NETWORK) {
         return std::make_shared<IoNetwork>(
             locator, options, userContext, onReceive, onError,
-            [](const std::string& serialNumber, const NetworkOpenOptions& openOptions,
-               DiscoveredAddress& found) {
-                return resolveNetworkSerialNumber(processDiscovery(), serialNumber, openOptions, found);
+            [&discovery = links.discovery](const std::string& serialNumber,
+                                           const NetworkOpenOptions& openOptions, DiscoveredAddress& found) {
+                return resolveNetworkSerialNumber(discovery, serialNumber, openOptions, found);
             });
     }
     if (interfaceType == KM_IO_IFACE_USB) {
-        return std::make_shared<IoFtdi>(locator, options, userContext, onReceive, onError);
+        return std::make_shared<IoFtdi>(locator, options, userContext, onReceive, onError, links.usbDevices);
     }
     return nullptr;
 }

@@ -34,12 +34,6 @@ DeviceTable::DeviceTable(DeviceFactory factory) : factory_(std::move(factory)) {
 
 DeviceTable::~DeviceTable() = default;
 
-DeviceTable& DeviceTable::instance() {
-    // Left alive at exit on purpose (see the header).
-    static auto* const table = new DeviceTable(makeDevice);
-    return *table;
-}
-
 std::unique_lock<std::mutex> DeviceTable::lockTable() {
     throwIfInEventCallback();
     return std::unique_lock<std::mutex>(mutex_);

@@ -9,8 +9,8 @@
 #include <string>
 #include <utility>
 
-#include "link/io_device.h"
 #include "kmio/kmio.h"
+#include "link/io_device.h"
 #include "options/property_record.h"
 
 namespace kmio {
@@ -36,11 +36,6 @@ public:
     DeviceTable(const DeviceTable&) = delete;
     DeviceTable& operator=(const DeviceTable&) = delete;
     ~DeviceTable();
-
-    // The process-wide table behind the exported functions, creating real
-    // links. It is never destroyed: receiving threads may still run when the
-    // process exits, and must not find the table gone.
-    static DeviceTable& instance();
 
     // Opens the device the locator names, then stores it in the lowest free
     // slot. handle is 0 unless the result is KM_IO_OK. The device is opened

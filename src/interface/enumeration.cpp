@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "interface/device_table.h"
+#include "interface/process.h"
 #include "kmio/kmio.h"
 #include "link/result_translation.h"
 #include "network/network_enumeration.h"
@@ -26,13 +26,12 @@ bool named(const std::vector<std::string>& values, std::string_view value) {
     return std::find(values.begin(), values.end(), value) != values.end();
 }
 
-std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view text, char* buffer,
-                                std::size_t* ioSize) {
+std::uint32_t enumerateAllLinks(Process& process, std::string_view text, char* buffer, std::size_t* ioSize) {
     const EnumerationOptions options = EnumerationOptions::parse(text);
     // A discovery pass ends by raising events, which wait for the table mutex
     // that the event callback's thread holds: from there it would never end.
     // Refuse before any link is listed.
-    if (options.selects("network") && DeviceTable::instance().runningEventCallback()) {
+    if (options.selects("network") && process.devices().runningEventCallback()) {
         return KM_IO_ERR_ENUMERATION_FAILED;
     }
     RecordList records;
@@ -40,14 +39,16 @@ std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view te
     // first link that fails ends the call with its code.
     if (options.selects("usb")) {
         RecordList usb;
-        if (const std::uint32_t result = enumerateUsbDevices(options.usb, usb); result != KM_IO_OK) {
+        if (const std::uint32_t result = enumerateUsbDevices(options.usb, usb, process.usbDevices());
+            result != KM_IO_OK) {
             return result;
         }
         append(records, std::move(usb));
     }
     if (options.selects("network")) {
         RecordList network;
-        if (const std::uint32_t result = enumerateNetworkDevices(discovery, options.network, network);
+        if (const std::uint32_t result =
+                enumerateNetworkDevices(process.discovery(), options.network, network);
             result != KM_IO_OK) {
             return result;
         }
@@ -55,7 +56,8 @@ std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view te
     }
     if (options.selects("serial")) {
         RecordList serial;
-        if (const std::uint32_t result = enumerateSerialDevices(options.serial, serial);
+        if (const std::uint32_t result =
+                enumerateSerialDevices(process.serialPorts(), options.serial, serial);
             result != KM_IO_OK) {
             return result;
         }
@@ -66,7 +68,8 @@ std::uint32_t enumerateAllLinks(NetworkDiscovery& discovery, std::string_view te
     return copyTextOut(out, buffer, ioSize);
 }
 
-std::uint32_t enumerateHostInterfaces(std::string_view text, char* buffer, std::size_t* ioSize) {
+std::uint32_t enumerateHostInterfaces(SerialPortCache& serialPorts, std::string_view text, char* buffer,
+                                      std::size_t* ioSize) {
     const InterfaceEnumerationOptions options = InterfaceEnumerationOptions::parse(text);
     // No "iface-type" at all lists both kinds, as the device enumeration
     // lists every link when none is named.
@@ -81,7 +84,8 @@ std::uint32_t enumerateHostInterfaces(std::string_view text, char* buffer, std::
     }
     if (all || named(options.ifaceType, "serial")) {
         RecordList serial;
-        if (const std::uint32_t result = enumerateSerialInterfaces(serial); result != KM_IO_OK) {
+        if (const std::uint32_t result = enumerateSerialInterfaces(serialPorts.scanner(), serial);
+            result != KM_IO_OK) {
             return result;
         }
         append(records, std::move(serial));
@@ -98,25 +102,26 @@ bool canEnumerateDevices(std::uint32_t interfaceType) noexcept {
     return interfaceType == KM_IO_IFACE_USB || interfaceType == KM_IO_IFACE_SERIAL;
 }
 
-std::uint32_t enumerateDevices(NetworkDiscovery& discovery, std::uint32_t interfaceType,
-                               std::string_view options, char* buffer, std::size_t* ioSize) {
+std::uint32_t enumerateDevices(Process& process, std::uint32_t interfaceType, std::string_view options,
+                               char* buffer, std::size_t* ioSize) {
     return resultOf(OperationKind::Enumeration, [&]() -> std::uint32_t {
         switch (interfaceType) {
             case KM_IO_IFACE_USB:
-                return listUsbDevices(options, buffer, ioSize);
+                return listUsbDevices(options, buffer, ioSize, process.usbDevices());
             case KM_IO_IFACE_SERIAL:
-                return listSerialLocators(options, buffer, ioSize);
+                return listSerialLocators(process.serialPorts(), options, buffer, ioSize);
             case KM_IO_IFACE_ALL:
-                return enumerateAllLinks(discovery, options, buffer, ioSize);
+                return enumerateAllLinks(process, options, buffer, ioSize);
             default:
                 return KM_IO_ERR_NOT_SUPPORTED;
         }
     });
 }
 
-std::uint32_t enumerateInterfaces(std::string_view options, char* buffer, std::size_t* ioSize) {
+std::uint32_t enumerateInterfaces(SerialPortCache& serialPorts, std::string_view options, char* buffer,
+                                  std::size_t* ioSize) {
     return resultOf(OperationKind::Enumeration,
-                    [&] { return enumerateHostInterfaces(options, buffer, ioSize); });
+                    [&] { return enumerateHostInterfaces(serialPorts, options, buffer, ioSize); });
 }
 
 }  // namespace kmio

@@ -1,18 +1,17 @@
 // The thirteen exported functions. Each one only translates C arguments into
 // the calls of the objects behind it; the behaviour lives in DeviceTable,
 // event_data.cpp, enumeration.cpp and global_options.cpp, over the library's
-// one device table and discovery cache (process_discovery.h wires the
-// cache's events to the table).
+// process's parts (process.h), which also wires the discovery cache's events
+// to the device table.
 
 #include <cstdint>
 #include <string_view>
 
-#include "interface/device_table.h"
 #include "interface/enumeration.h"
 #include "interface/event_data.h"
 #include "interface/event_record.h"
 #include "interface/global_options.h"
-#include "interface/process_discovery.h"
+#include "interface/process.h"
 #include "kmio/kmio.h"
 #include "options/locator.h"
 
@@ -48,24 +47,24 @@ KM_IO_API uint32_t KM_IO_Open(uint32_t* handle, const char* locator, const char*
     if (locator == nullptr) {
         return KM_IO_ERR_BAD_LOCATOR;
     }
-    return kmio::DeviceTable::instance().open(*handle, locator, std::string(optionText(options)), userContext,
-                                              onReceive, onError);
+    return kmio::Process::instance().devices().open(*handle, locator, std::string(optionText(options)),
+                                                    userContext, onReceive, onError);
 }
 
 KM_IO_API uint32_t KM_IO_Close(uint32_t handle, int32_t wait) {
-    return kmio::DeviceTable::instance().close(handle, wait != 0);
+    return kmio::Process::instance().devices().close(handle, wait != 0);
 }
 
 KM_IO_API uint32_t KM_IO_Send(uint32_t handle, const void* data, size_t length) {
-    return kmio::DeviceTable::instance().send(handle, static_cast<const std::uint8_t*>(data), length);
+    return kmio::Process::instance().devices().send(handle, static_cast<const std::uint8_t*>(data), length);
 }
 
 KM_IO_API uint32_t KM_IO_GetProperty(uint32_t handle, const char* key, char* value, size_t* ioSize) {
-    return kmio::DeviceTable::instance().getProperty(handle, key != nullptr ? key : "", value, ioSize);
+    return kmio::Process::instance().devices().getProperty(handle, key != nullptr ? key : "", value, ioSize);
 }
 
 KM_IO_API uint32_t KM_IO_SetEventCallback(KM_IO_EventCallback callback, void* userData) {
-    kmio::DeviceTable::instance().setEventCallback(callback, userData);
+    kmio::Process::instance().devices().setEventCallback(callback, userData);
     return KM_IO_OK;
 }
 
@@ -93,16 +92,17 @@ KM_IO_API uint32_t KM_IO_CanEnumerateDevices(uint32_t interfaceType, uint32_t* c
 
 KM_IO_API uint32_t KM_IO_EnumerateDevices(uint32_t interfaceType, const char* options, char* buffer,
                                           size_t* ioSize) {
-    return kmio::enumerateDevices(kmio::processDiscovery(), interfaceType, optionText(options), buffer,
+    return kmio::enumerateDevices(kmio::Process::instance(), interfaceType, optionText(options), buffer,
                                   ioSize);
 }
 
 KM_IO_API uint32_t KM_IO_EnumerateInterfaces(const char* options, char* buffer, size_t* ioSize) {
-    return kmio::enumerateInterfaces(optionText(options), buffer, ioSize);
+    return kmio::enumerateInterfaces(kmio::Process::instance().serialPorts(), optionText(options), buffer,
+                                     ioSize);
 }
 
 KM_IO_API uint32_t KM_IO_SetGlobalOptions(const char* options) {
-    return kmio::setGlobalOptions(kmio::DeviceTable::instance(), kmio::processDiscovery(),
+    return kmio::setGlobalOptions(kmio::Process::instance().devices(), kmio::Process::instance().discovery(),
                                   optionText(options));
 }
 

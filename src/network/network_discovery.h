@@ -36,7 +36,7 @@ PropertyRecord networkDeviceRecord(const kalometnd::DiscoverInfo& device, Ipv4 i
 // serial-number lookup of IoNetwork and the global discovery settings meet
 // here; the channels' filter callbacks keep each channel's list of available
 // devices and raise discovery events through the event sink. The library's
-// one instance, wired to the device table, is made by processDiscovery() in
+// one instance, wired to the device table, belongs to the process object of
 // the interface layer; tests make their own.
 //
 // Lock order: the discovery lock is never held while an event is raised (the

@@ -89,16 +89,4 @@ std::uint32_t listSerialLocators(SerialPortCache& cache, std::string_view option
     return copyTextOut(joinTexts(locators, "\n"), buffer, ioSize);
 }
 
-std::uint32_t enumerateSerialDevices(const SerialEnumerationOptions& options, RecordList& records) {
-    return enumerateSerialDevices(SerialPortCache::processWide(), options, records);
-}
-
-std::uint32_t enumerateSerialInterfaces(RecordList& records) {
-    return enumerateSerialInterfaces(SerialPortCache::processWide().scanner(), records);
-}
-
-std::uint32_t listSerialLocators(std::string_view optionsText, char* buffer, std::size_t* ioSize) {
-    return listSerialLocators(SerialPortCache::processWide(), optionsText, buffer, ioSize);
-}
-
 }  // namespace kmio

@@ -12,20 +12,16 @@ class SerialPortCache;
 class SerialPortScanner;
 struct SerialEnumerationOptions;
 
-// The serial link's enumeration, over the process-wide port cache.
+// The serial link's enumeration, over a port cache (the process's, or a
+// test's over a fake tree).
 
 // Records ("iface-type", "locator") of the ports available at the last scan.
 // With options.usbInfo, a port on a USB device also carries "usb-vid",
 // "usb-pid" (decimal), "usb-desc" and "device-sn", and the USB filters apply.
-std::uint32_t enumerateSerialDevices(const SerialEnumerationOptions& options, RecordList& records);
-
-// Records ("iface-type", "name", "serial-port") of every port, from a fresh scan.
-std::uint32_t enumerateSerialInterfaces(RecordList& records);
-
-// KM_IO_EnumerateDevices(3): every cached port as "serial:NAME", one per line.
-std::uint32_t listSerialLocators(std::string_view optionsText, char* buffer, std::size_t* ioSize);
-
-// The same over a given cache or scanner, so that tests can use a fake tree.
+// Records ("iface-type", "name", "serial-port") of every port, from a fresh
+// scan, for enumerateSerialInterfaces.
+// KM_IO_EnumerateDevices(3): every cached port as "serial:NAME", one per
+// line, for listSerialLocators.
 std::uint32_t enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
                                      RecordList& records);
 std::uint32_t enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records);

@@ -29,11 +29,4 @@ std::vector<SerialPortEntry> SerialPortCache::ports() const {
     return ports_;
 }
 
-SerialPortCache& SerialPortCache::processWide() {
-    // Never destroyed, so that an enumeration running while the process
-    // exits does not meet a destroyed cache.
-    static auto* cache = new SerialPortCache(std::make_shared<const SerialPortScanner>());
-    return *cache;
-}
-
 }  // namespace kmio

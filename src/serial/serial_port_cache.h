@@ -34,9 +34,6 @@ public:
 
     const SerialPortScanner& scanner() const noexcept { return *scanner_; }
 
-    // The cache over the machine's real /sys and /dev.
-    static SerialPortCache& processWide();
-
 private:
     std::shared_ptr<const SerialPortScanner> scanner_;
     const Clock clock_;

@@ -96,10 +96,4 @@ d2xx::FT_STATUS D2xxBinding::numDevices(std::uint32_t& count) const {
     return api_.FT_CreateDeviceInfoList(&count);
 }
 
-D2xxBinding& D2xxBinding::process() {
-    static D2xxBinding* const binding =
-        new D2xxBinding(kD2xxDriverLibraryName, kD2xxChipIdLibraryName, kD2xxChipIdLibraryRequired);
-    return *binding;
-}
-
 }  // namespace kmio

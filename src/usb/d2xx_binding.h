@@ -77,13 +77,6 @@ public:
 
     bool hasChipIdLibrary() const noexcept { return api_.FTID_GetChipIDFromHandle != nullptr; }
 
-    // The process-wide binding: FTDI's own file names by name
-    // (d2xx_library_names.h: "libftd2xx.so" and "libftchipid.so" on Linux,
-    // "ftd2xx.dll" and "FTChipID.dll" on Windows).
-    // It is never unloaded, because receive threads of devices closed without
-    // waiting may still be in a driver call while the process exits.
-    static D2xxBinding& process();
-
 private:
     enum class State { NotTried, Loaded, Failed };
 

@@ -51,10 +51,9 @@ namespace kmio {
 // milliseconds whatever "health-check" is.
 class IoFtdi final : public IoDevice {
 public:
-    // The cache (and with it the driver binding and the USB mutex) defaults
-    // to the process-wide one.
+    // The cache brings the driver binding and the USB mutex with it.
     IoFtdi(std::string locator, std::string options, void* userContext, KM_IO_ReceiveCallback onReceive,
-           KM_IO_LinkErrorCallback onError, UsbDeviceCache& cache = UsbDeviceCache::process());
+           KM_IO_LinkErrorCallback onError, UsbDeviceCache& cache);
     ~IoFtdi() override;
 
     std::uint32_t open(std::shared_ptr<IoDevice> self) override;

@@ -71,10 +71,4 @@ std::uint32_t UsbDeviceCache::chipId(std::size_t index) {
     return entry.chipId;
 }
 
-UsbDeviceCache& UsbDeviceCache::process() {
-    // Left alive at exit, like the binding it uses.
-    static UsbDeviceCache* const cache = new UsbDeviceCache(D2xxBinding::process());
-    return *cache;
-}
-
 }  // namespace kmio

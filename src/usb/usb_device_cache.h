@@ -63,9 +63,6 @@ public:
 
     const std::vector<UsbDeviceEntry>& entries() const noexcept { return entries_; }
 
-    // The process-wide cache over the process-wide driver binding.
-    static UsbDeviceCache& process();
-
 private:
     D2xxBinding& binding_;
     Clock now_;

@@ -114,10 +114,6 @@ std::uint32_t listUsbDevices(std::string_view optionsText, char* buffer, std::si
     return copyTextOut(text, buffer, ioSize);
 }
 
-std::uint32_t listUsbDevices(std::string_view optionsText, char* buffer, std::size_t* ioSize) {
-    return listUsbDevices(optionsText, buffer, ioSize, UsbDeviceCache::process());
-}
-
 std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordList& records,
                                   UsbDeviceCache& cache) {
     if (options.locatorFormatUsb != "sn" && options.locatorFormatUsb != "id") {
@@ -155,10 +151,6 @@ std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordLi
         }
     }
     return KM_IO_OK;
-}
-
-std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordList& records) {
-    return enumerateUsbDevices(options, records, UsbDeviceCache::process());
 }
 
 }  // namespace kmio

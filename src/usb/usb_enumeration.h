@@ -13,8 +13,8 @@ namespace kmio {
 class UsbDeviceCache;
 
 // The USB link's enumerations, over the driver's device list cache. Both
-// take the USB mutex for their whole run. They default to the process-wide
-// cache; tests hand in their own over a binding and a clock of their choice.
+// take the USB mutex for their whole run. The library hands in the process's
+// cache; tests their own over a binding and a clock of their choice.
 
 // KM_IO_EnumerateDevices(1): the older listing. The option text is lines of
 // "product-name NAME" (repeatable), "usb-vid N" and "usb-pid N" (repeatable;
@@ -28,7 +28,6 @@ class UsbDeviceCache;
 // driver's list cannot be read; KM_IO_ERR_BUFFER_TOO_SMALL as usual.
 // Throws std::invalid_argument or std::out_of_range for a number that does
 // not convert (the caller's bad-options case).
-std::uint32_t listUsbDevices(std::string_view optionsText, char* buffer, std::size_t* ioSize);
 std::uint32_t listUsbDevices(std::string_view optionsText, char* buffer, std::size_t* ioSize,
                              UsbDeviceCache& cache);
 
@@ -41,7 +40,6 @@ std::uint32_t olderUsbListLocked(std::string_view optionsText, UsbDeviceCache& c
 // "sn" or "id" (before anything is scanned); KM_IO_OK with no records when
 // the driver library cannot be loaded; KM_IO_ERR_ENUMERATION_FAILED when
 // the driver's list cannot be read.
-std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordList& records);
 std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordList& records,
                                   UsbDeviceCache& cache);
 

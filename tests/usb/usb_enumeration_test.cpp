@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "interface/enumeration.h"
-#include "interface/process_discovery.h"
+#include "interface/process.h"
 #include "usb_sim_fixture.h"
 
 namespace kmiotest {
@@ -267,19 +267,19 @@ TEST_F(UsbEnumerationTest, TheOlderListWritesTheFlaggedFieldsInItsOrder) {
 TEST_F(UsbEnumerationTest, TheTypeOneEntryPointUsesTheOlderList) {
     addChip("serial=KM1 description=\"Kalomet DRV-I\"");
     std::size_t size = 0;
-    EXPECT_EQ(kmio::enumerateDevices(kmio::processDiscovery(), KM_IO_IFACE_USB, "include-sn\nforce-rescan",
+    EXPECT_EQ(kmio::enumerateDevices(kmio::Process::instance(), KM_IO_IFACE_USB, "include-sn\nforce-rescan",
                                      nullptr, &size),
               KM_IO_ERR_BUFFER_TOO_SMALL);
     EXPECT_EQ(size, std::string("usb:sn:KM1").size() + 1);
     std::string buffer(size, '\0');
-    EXPECT_EQ(
-        kmio::enumerateDevices(kmio::processDiscovery(), KM_IO_IFACE_USB, "include-sn", buffer.data(), &size),
-        KM_IO_OK);
+    EXPECT_EQ(kmio::enumerateDevices(kmio::Process::instance(), KM_IO_IFACE_USB, "include-sn", buffer.data(),
+                                     &size),
+              KM_IO_OK);
     EXPECT_EQ(std::string(buffer.c_str()), "usb:sn:KM1");
     for (const char* options : {"usb-vid abc", "usb-pid 99999999999"}) {
         size = buffer.size();
         EXPECT_EQ(
-            kmio::enumerateDevices(kmio::processDiscovery(), KM_IO_IFACE_USB, options, buffer.data(), &size),
+            kmio::enumerateDevices(kmio::Process::instance(), KM_IO_IFACE_USB, options, buffer.data(), &size),
             KM_IO_ERR_BAD_OPTIONS)
             << options;
     }
