@@ -8,6 +8,13 @@ function(kmio_collect_sources out dir)
     list(FILTER all EXCLUDE REGEX "_(posix|linux)\\.cpp$")
   elseif(CMAKE_SYSTEM_NAME STREQUAL "Linux")
     list(FILTER all EXCLUDE REGEX "_win32\\.cpp$")
+    # A Linux twin replaces the POSIX one of the same name: both implement
+    # the same hook, the Linux one with Linux-only interfaces.
+    foreach(file ${all})
+      if(file MATCHES "^(.*)_linux\\.cpp$")
+        list(REMOVE_ITEM all "${CMAKE_MATCH_1}_posix.cpp")
+      endif()
+    endforeach()
   else()
     list(FILTER all EXCLUDE REGEX "_(win32|linux)\\.cpp$")
   endif()

@@ -10,8 +10,9 @@ namespace kmio {
 // a late waiter still sees the request.
 //
 // The native handle is what the platform's wait takes: on Linux an eventfd
-// descriptor to poll for POLLIN, on Windows a manual-reset event handle for
-// WaitForMultipleObjects or WSAWaitForMultipleEvents.
+// descriptor to poll for POLLIN; on other POSIX systems the read end of a
+// non-blocking pipe, also polled for POLLIN; on Windows a manual-reset event
+// handle for WaitForMultipleObjects or WSAWaitForMultipleEvents.
 class WakeEvent {
 public:
     // Wide enough for either platform's handle, like Socket::Native.
@@ -34,6 +35,9 @@ public:
 
 private:
     Native handle_;
+    // What signal() writes to: the pipe's write end, or handle_ itself where
+    // one handle does both.
+    Native signalHandle_;
 };
 
 }  // namespace kmio

@@ -9,7 +9,7 @@
 
 namespace kmio {
 
-WakeEvent::WakeEvent() : handle_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+WakeEvent::WakeEvent() : handle_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), signalHandle_(handle_) {
     if (handle_ < 0) {
         throw std::system_error(errno, std::system_category(), "eventfd");
     }

@@ -16,7 +16,9 @@ HANDLE handleOf(WakeEvent::Native native) {
 
 // A manual-reset event: it stays set until reset(), as the contract asks, and
 // WSAWaitForMultipleEvents takes it beside the sockets' own events.
-WakeEvent::WakeEvent() : handle_(reinterpret_cast<Native>(::CreateEventW(nullptr, TRUE, FALSE, nullptr))) {
+WakeEvent::WakeEvent()
+    : handle_(reinterpret_cast<Native>(::CreateEventW(nullptr, TRUE, FALSE, nullptr))),
+      signalHandle_(handle_) {
     if (handle_ == 0) {
         throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "CreateEvent");
     }

@@ -10,7 +10,7 @@
 namespace kmiosim {
 
 // The socket calls of the simulator, with one shape on every system
-// (sim_net_posix.cpp, sim_net_win32.cpp). Addresses and ports are in host
+// (sim_net_linux.cpp, sim_net_win32.cpp). Addresses and ports are in host
 // order. Functions that set something up throw std::runtime_error with what
 // failed and the system's text; the ones on the data path report instead,
 // since a simulator logs a lost datagram and goes on.

@@ -14,7 +14,7 @@ namespace kmiosim {
 // the calling thread's last socket error (sim_net.cpp).
 [[noreturn]] void failWithLastError(const std::string& what);
 
-// The system's part (sim_net_posix.cpp, sim_net_win32.cpp):
+// The system's part (sim_net_linux.cpp, sim_net_win32.cpp):
 //
 // A new IPv4 socket of the type (SOCK_DGRAM or SOCK_STREAM), kept from child
 // processes where the system allows, non-blocking when asked and blocking
