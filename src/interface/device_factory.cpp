@@ -1,7 +1,7 @@
 #include "interface/device_factory.h"
 
 #include "network/io_network.h"
-#include "network/network_enumeration.h"
+#include "network/network_serial_lookup.h"
 #include "serial/io_serial.h"
 #include "usb/io_ftdi.h"
 

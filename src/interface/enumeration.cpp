@@ -8,6 +8,7 @@
 #include "kmio/kmio.h"
 #include "link/result_translation.h"
 #include "network/network_enumeration.h"
+#include "network/network_interface_enumeration.h"
 #include "options/option_sets.h"
 #include "options/property_record.h"
 #include "options/text_output.h"
@@ -47,11 +48,7 @@ std::uint32_t enumerateAllLinks(Process& process, std::string_view text, char* b
     }
     if (options.selects("network")) {
         RecordList network;
-        if (const std::uint32_t result =
-                enumerateNetworkDevices(process.discovery(), options.network, network);
-            result != KM_IO_OK) {
-            return result;
-        }
+        enumerateNetworkDevices(process.discovery(), options.network, network);
         append(records, std::move(network));
     }
     if (options.selects("serial")) {

@@ -3,8 +3,8 @@
 #include "interface/device_table.h"
 #include "kmio/kmio.h"
 #include "link/result_translation.h"
+#include "network/discovery_settings.h"
 #include "network/network_discovery.h"
-#include "network/network_enumeration.h"
 #include "options/option_sets.h"
 
 namespace kmio {

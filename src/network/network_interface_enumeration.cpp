@@ -1,7 +1,6 @@
 #include "network/network_interface_enumeration.h"
 
 #include "kmio/kmio.h"
-#include "network/network_enumeration.h"
 #include "options/locator.h"
 
 namespace kmio {

@@ -20,4 +20,8 @@ using AdapterSource = std::function<std::vector<kalometnd::AdapterInfo>()>;
 // KM_IO_ERR_ENUMERATION_FAILED).
 std::uint32_t enumerateNetworkInterfaces(RecordList& records, const AdapterSource& adapters);
 
+// The same over the machine's adapter list. Throws the discovery exceptions
+// when the list cannot be read.
+std::uint32_t enumerateNetworkInterfaces(RecordList& records);
+
 }  // namespace kmio

@@ -3,7 +3,6 @@
 #include "discovery/adapters.h"
 #include "discovery/exceptions.h"
 #include "kmio/kmio.h"
-#include "network/network_enumeration.h"
 #include "network/network_interface_enumeration.h"
 
 namespace kmio {
