@@ -21,8 +21,28 @@ function(kmio_collect_sources out dir)
   set(${out} ${all} PARENT_SCOPE)
 endfunction()
 
-# Adds one internal static library made of the sources of a folder under src/.
+# Gives a target an include root of its own under the build folder, holding
+# links to the src/ folders it may include: its own and those of the layers
+# below it. An include that points up a layer or across to another link then
+# fails to compile, instead of merely failing to link.
+function(kmio_layer_include_root name)
+  set(root ${CMAKE_BINARY_DIR}/layer-include/${name})
+  file(REMOVE_RECURSE ${root})
+  file(MAKE_DIRECTORY ${root})
+  foreach(folder ${ARGN})
+    file(CREATE_LINK ${PROJECT_SOURCE_DIR}/src/${folder} ${root}/${folder} SYMBOLIC)
+  endforeach()
+  set_target_properties(${name} PROPERTIES KMIO_LAYERED ON)
+  # Targets outside the layers (tests, tools, fuzz targets) see all of src/;
+  # the layers themselves see only their own root.
+  target_include_directories(${name} PRIVATE ${root} PUBLIC ${PROJECT_SOURCE_DIR}/include
+    INTERFACE $<$<NOT:$<BOOL:$<TARGET_PROPERTY:KMIO_LAYERED>>>:${PROJECT_SOURCE_DIR}/src>)
+endfunction()
+
+# Adds one internal static library made of the sources of a folder under
+# src/; BELOW names the src/ folders of the layers it builds on.
 function(kmio_component name dir)
+  cmake_parse_arguments(C "" "" "BELOW" ${ARGN})
   kmio_collect_sources(srcs "${dir}")
   if(NOT srcs)
     # A folder whose code has not arrived yet still yields a library, so that
@@ -31,7 +51,8 @@ function(kmio_component name dir)
     file(WRITE ${srcs} "")
   endif()
   add_library(${name} STATIC ${srcs})
-  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/include)
+  get_filename_component(folder "${dir}" NAME)
+  kmio_layer_include_root(${name} ${folder} ${C_BELOW})
   target_compile_definitions(${name} PUBLIC KMIO_BUILDING_LIBRARY)
   target_link_libraries(${name} PUBLIC Threads::Threads)
 endfunction()
