@@ -1,4 +1,5 @@
 #include "interface/enumeration.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 #include <string>
@@ -70,16 +71,16 @@ std::uint32_t enumerateHostInterfaces(SerialPortCache& serialPorts, std::string_
     const InterfaceEnumerationOptions options = InterfaceEnumerationOptions::parse(text);
     // No "iface-type" at all lists both kinds, as the device enumeration
     // lists every link when none is named.
-    const bool all = options.ifaceType.empty() || named(options.ifaceType, "all");
+    const bool all = named(options.ifaceType, "all");
     RecordList records;
-    if (all || named(options.ifaceType, "network")) {
+    if (all || admits(options.ifaceType, "network")) {
         RecordList network;
         if (const std::uint32_t result = enumerateNetworkInterfaces(network); result != KM_IO_OK) {
             return result;
         }
         append(records, std::move(network));
     }
-    if (all || named(options.ifaceType, "serial")) {
+    if (all || admits(options.ifaceType, "serial")) {
         RecordList serial;
         if (const std::uint32_t result = enumerateSerialInterfaces(serialPorts.scanner(), serial);
             result != KM_IO_OK) {

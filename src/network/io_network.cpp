@@ -40,19 +40,8 @@ IoNetwork::~IoNetwork() = default;
 
 std::uint32_t IoNetwork::connectTimeoutMs() const {
     // The timeout in force is read straight from the option text, not from the
-    // parsed set: a "connect-timeout" anywhere in the text counts, and a value
-    // that does not convert reads as far as it goes instead of failing.
-    const std::string raw = rawOptionValue(options(), "connect-timeout");
-    if (raw.empty()) {
-        return kDefaultConnectTimeoutMs;
-    }
-    try {
-        return toUnsigned(raw);
-    } catch (const std::invalid_argument&) {
-        return 0;
-    } catch (const std::out_of_range&) {
-        return std::numeric_limits<std::uint32_t>::max();
-    }
+    // parsed set: a "connect-timeout" anywhere in the text counts.
+    return rawUnsignedOption(options(), "connect-timeout", kDefaultConnectTimeoutMs);
 }
 
 std::uint32_t IoNetwork::open(std::shared_ptr<IoDevice> self) {

@@ -1,4 +1,5 @@
 #include "network/network_enumeration.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 #include <optional>
@@ -14,16 +15,11 @@ namespace kmio {
 
 namespace {
 
-template <class T>
-bool listAdmits(const std::vector<T>& wanted, const T& value) {
-    return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
-}
-
 // The find- filters, in their order.
 bool passesFilters(const NetworkEnumerationOptions& options, const kalometnd::DiscoverInfo& device) {
-    return listAdmits(options.findProtocolId, static_cast<std::uint32_t>(device.protocolId)) &&
-           listAdmits(options.findDeviceType, device.selector) &&
-           listAdmits(options.findDeviceSn, device.serialNumber) &&
+    return admits(options.findProtocolId, static_cast<std::uint32_t>(device.protocolId)) &&
+           admits(options.findDeviceType, device.selector) &&
+           admits(options.findDeviceSn, device.serialNumber) &&
            (!options.findOnlyAvailable || device.available);
 }
 

@@ -1,5 +1,6 @@
 #include "options/option_list.h"
 
+#include <limits>
 #include <stdexcept>
 
 #include "options/options_error.h"
@@ -146,6 +147,20 @@ std::string rawOptionValue(std::string_view text, std::string_view key) {
     }
     const std::size_t end = text.find_first_of("\r\n", pos);
     return std::string(text.substr(pos, end == std::string_view::npos ? end : end - pos));
+}
+
+std::uint32_t rawUnsignedOption(std::string_view text, std::string_view key, std::uint32_t fallback) {
+    const std::string raw = rawOptionValue(text, key);
+    if (raw.empty()) {
+        return fallback;
+    }
+    try {
+        return toUnsigned(raw);
+    } catch (const std::invalid_argument&) {
+        return 0;
+    } catch (const std::out_of_range&) {
+        return std::numeric_limits<std::uint32_t>::max();
+    }
 }
 
 OptionReader::OptionReader(std::string_view text) : list_(splitOptions(text)) {

@@ -33,6 +33,12 @@ bool toBoolean(std::string_view value);
 // end. Empty when any step finds nothing.
 std::string rawOptionValue(std::string_view text, std::string_view key);
 
+// The raw look-up read as a number, the way a network open reads its
+// "connect-timeout": `fallback` when the look-up finds nothing; otherwise
+// what toUnsigned reads, except that a value without digits reads as 0 and a
+// value too large as the largest number, instead of failing.
+std::uint32_t rawUnsignedOption(std::string_view text, std::string_view key, std::uint32_t fallback);
+
 // Reads typed values out of one option list and remembers every key it was
 // asked for, so that checkStrict() can reject the others. Each getter leaves
 // the target unchanged when the key is absent and throws

@@ -1,4 +1,5 @@
 #include "options/option_sets.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 
@@ -55,7 +56,10 @@ SerialOpenOptions SerialOpenOptions::parse(std::string_view text) {
 NetworkOpenOptions NetworkOpenOptions::parse(std::string_view text) {
     OptionReader reader(text);
     NetworkOpenOptions o;
-    reader.get("connect-timeout", o.connectTimeout);
+    // Read and dropped: "strict" must know the key, and a value that does
+    // not convert makes the open fail with bad options before any connect.
+    std::uint32_t connectTimeout = 0;
+    reader.get("connect-timeout", connectTimeout);
     reader.get("port", o.port);
     reader.getSet("iface", o.iface);
     reader.get("discovery-timeout", o.discoveryTimeout);
@@ -80,7 +84,7 @@ UsbOpenOptions UsbOpenOptions::parse(std::string_view text) {
 bool EnumerationOptions::selects(std::string_view link) const {
     // No "iface-type" at all means "enumerate everything": a caller who does
     // not narrow the search expects to see every device.
-    return ifaceType.empty() || contains(ifaceType, "all") || contains(ifaceType, link);
+    return admits(ifaceType, link) || contains(ifaceType, "all");
 }
 
 EnumerationOptions EnumerationOptions::parse(std::string_view text) {

@@ -17,8 +17,9 @@ struct SerialOpenOptions {
     static SerialOpenOptions parse(std::string_view text);
 };
 
+// The connect timeout in force is not here: the open reads it with
+// rawUnsignedOption (option_list.h).
 struct NetworkOpenOptions {
-    std::uint32_t connectTimeout = 5000;
     std::uint32_t port = 0;
     std::vector<std::string> iface;
     std::uint32_t discoveryTimeout = 100;

@@ -1,4 +1,5 @@
 #include "serial/serial_enumeration.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 #include <optional>
@@ -13,11 +14,6 @@
 namespace kmio {
 
 namespace {
-
-template <typename T>
-bool admits(const std::vector<T>& wanted, const T& value) {
-    return wanted.empty() || std::find(wanted.begin(), wanted.end(), value) != wanted.end();
-}
 
 // A port passes the USB filters when each non-empty one names its adapter's
 // value; a port without a USB adapter passes only when all are empty.

@@ -1,4 +1,5 @@
 #include "usb/io_ftdi.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 #include <chrono>
@@ -52,7 +53,7 @@ std::uint32_t linkErrorOf(d2xx::FT_STATUS status) {
 
 bool namedIn(const std::vector<std::string>& names, const UsbDeviceEntry& entry) {
     const std::string description = entry.deviceDescription().value_or(entry.description);
-    return names.empty() || std::find(names.begin(), names.end(), description) != names.end();
+    return admits(names, description);
 }
 
 // A dual-channel chip is also found by the serial number that enumeration

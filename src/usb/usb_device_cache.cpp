@@ -1,4 +1,5 @@
 #include "usb/usb_device_cache.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 #include <utility>
@@ -10,14 +11,7 @@
 
 namespace kmio {
 
-namespace {
-
-template <typename T, typename V>
-bool passes(const std::vector<T>& allowed, const V& value) {
-    return allowed.empty() || std::find(allowed.begin(), allowed.end(), value) != allowed.end();
-}
-
-}  // namespace
+namespace {}  // namespace
 
 UsbDeviceCache::UsbDeviceCache(D2xxBinding& binding, Clock now) : binding_(binding), now_(std::move(now)) {}
 
@@ -42,9 +36,9 @@ std::vector<SelectedUsbDevice> UsbDeviceCache::select(const UsbDeviceFilter& fil
             continue;
         }
         std::optional<std::string> description = entry.deviceDescription();
-        if (!description || !passes(filter.productNames, *description) ||
-            !passes(filter.vendorIds, std::uint32_t{entry.vendorId()}) ||
-            !passes(filter.productIds, std::uint32_t{entry.productId()})) {
+        if (!description || !admits(filter.productNames, *description) ||
+            !admits(filter.vendorIds, std::uint32_t{entry.vendorId()}) ||
+            !admits(filter.productIds, std::uint32_t{entry.productId()})) {
             continue;
         }
         // A failed probe leaves the device without protocol ids; it is still listed.

@@ -1,4 +1,5 @@
 #include "usb/usb_enumeration.h"
+#include "options/list_filter.h"
 
 #include <algorithm>
 #include <mutex>
@@ -141,9 +142,7 @@ std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordLi
             continue;
         }
         for (const std::uint16_t id : entry.protocolIds) {
-            const auto& wanted = options.findProtocolId;
-            if (wanted.empty() ||
-                std::find(wanted.begin(), wanted.end(), std::uint32_t{id}) != wanted.end()) {
+            if (admits(options.findProtocolId, std::uint32_t{id})) {
                 PropertyRecord copy = record;
                 copy.set("protocol-id", std::to_string(id));
                 records.push_back(std::move(copy));

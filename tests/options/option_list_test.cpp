@@ -42,3 +42,20 @@ TEST(RawOptionValue, TakesValueStraightFromText) {
     EXPECT_EQ(rawOptionValue("connect-timeout   ", "connect-timeout"), "");
     EXPECT_EQ(rawOptionValue("port 1", "connect-timeout"), "");
 }
+
+TEST(RawOptionValue, ReadsAsANumberWithoutEverFailing) {
+    const struct {
+        const char* text;
+        std::uint32_t value;
+    } cases[] = {
+        {"", 5000},                                     // absent: the fallback
+        {"connect-timeout   ", 5000},                   // no value is absence too
+        {"connect-timeout 250", 250},                   //
+        {"x-connect-timeout 7\nconnect-timeout 9", 7},  // first occurrence, inside a longer key
+        {"connect-timeout 12ms", 12},                   // leading digits count
+        {"connect-timeout soon", 0},                    // no digits: 0, not a failure
+        {"connect-timeout 99999999999", 4294967295u},   // too large: the largest
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(rawUnsignedOption(c.text, "connect-timeout", 5000), c.value) << c.text;
+}
