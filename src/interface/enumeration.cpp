@@ -54,11 +54,7 @@ std::uint32_t enumerateAllLinks(Process& process, std::string_view text, char* b
     }
     if (options.selects("serial")) {
         RecordList serial;
-        if (const std::uint32_t result =
-                enumerateSerialDevices(process.serialPorts(), options.serial, serial);
-            result != KM_IO_OK) {
-            return result;
-        }
+        enumerateSerialDevices(process.serialPorts(), options.serial, serial);
         append(records, std::move(serial));
     }
     const std::string out =
@@ -82,10 +78,7 @@ std::uint32_t enumerateHostInterfaces(SerialPortCache& serialPorts, std::string_
     }
     if (all || admits(options.ifaceType, "serial")) {
         RecordList serial;
-        if (const std::uint32_t result = enumerateSerialInterfaces(serialPorts.scanner(), serial);
-            result != KM_IO_OK) {
-            return result;
-        }
+        enumerateSerialInterfaces(serialPorts.scanner(), serial);
         append(records, std::move(serial));
     }
     const std::string out =

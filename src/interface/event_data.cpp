@@ -40,18 +40,7 @@ std::uint32_t readDiscoveryEventData(const KM_IO_Event& event, std::string_view 
     }
 
     // Every "include-" key names a property, whatever its value says.
-    constexpr std::string_view prefix = "include-";
-    std::vector<std::string> include;
-    for (const auto& [key, value] : list) {
-        if (!key.starts_with(prefix)) {
-            continue;
-        }
-        std::string name = key.substr(prefix.size());
-        if (std::find(include.begin(), include.end(), name) == include.end()) {
-            include.push_back(std::move(name));
-        }
-    }
-    return copyTextOut(renderRecords(RecordList{event.properties}, include), buffer, ioSize);
+    return copyTextOut(renderRecords(RecordList{event.properties}, includedKeys(list)), buffer, ioSize);
 }
 
 }  // namespace kmio

@@ -1,5 +1,6 @@
 #include "options/option_list.h"
 
+#include <algorithm>
 #include <limits>
 #include <stdexcept>
 
@@ -147,6 +148,25 @@ std::string rawOptionValue(std::string_view text, std::string_view key) {
     }
     const std::size_t end = text.find_first_of("\r\n", pos);
     return std::string(text.substr(pos, end == std::string_view::npos ? end : end - pos));
+}
+
+bool mentions(std::string_view text, std::string_view word) {
+    return text.find(word) != std::string_view::npos;
+}
+
+std::vector<std::string> includedKeys(const OptionList& list) {
+    constexpr std::string_view prefix = "include-";
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : list) {
+        if (!key.starts_with(prefix)) {
+            continue;
+        }
+        std::string name = key.substr(prefix.size());
+        if (std::find(keys.begin(), keys.end(), name) == keys.end()) {
+            keys.push_back(std::move(name));
+        }
+    }
+    return keys;
 }
 
 std::uint32_t rawUnsignedOption(std::string_view text, std::string_view key, std::uint32_t fallback) {

@@ -33,6 +33,16 @@ bool toBoolean(std::string_view value);
 // end. Empty when any step finds nothing.
 std::string rawOptionValue(std::string_view text, std::string_view key);
 
+// True when the word stands anywhere in the option text, even inside another
+// line: how the older listings (KM_IO_EnumerateDevices for one link) read
+// their flags, which take no value.
+bool mentions(std::string_view text, std::string_view word);
+
+// The keys that follow "include-" in a list, each once, in their first order,
+// whatever their values say: how discovery event data chooses the keys to
+// show, without an option set.
+std::vector<std::string> includedKeys(const OptionList& list);
+
 // The raw look-up read as a number, the way a network open reads its
 // "connect-timeout": `fallback` when the look-up finds nothing; otherwise
 // what toUnsigned reads, except that a value without digits reads as 0 and a

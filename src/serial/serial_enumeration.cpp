@@ -1,5 +1,6 @@
 #include "serial/serial_enumeration.h"
 #include "options/list_filter.h"
+#include "options/option_list.h"
 
 #include <algorithm>
 #include <optional>
@@ -30,11 +31,9 @@ bool passesUsbFilters(const SerialEnumerationOptions& options, const std::option
 
 }  // namespace
 
-std::uint32_t enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
-                                     RecordList& records) {
-    if (const std::uint32_t result = cache.refresh(options.forceRescan); result != KM_IO_OK) {
-        return result;
-    }
+void enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
+                            RecordList& records) {
+    cache.refresh(options.forceRescan);
     // Ports that someone else held at the last scan cannot be opened, so they
     // are not offered as devices.
     for (const auto& port : cache.ports()) {
@@ -52,10 +51,9 @@ std::uint32_t enumerateSerialDevices(SerialPortCache& cache, const SerialEnumera
         }
         records.push_back(std::move(record));
     }
-    return KM_IO_OK;
 }
 
-std::uint32_t enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records) {
+void enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records) {
     for (const auto& port : scanner.scan()) {
         PropertyRecord record;
         record.set("iface-type", "serial");
@@ -63,21 +61,13 @@ std::uint32_t enumerateSerialInterfaces(const SerialPortScanner& scanner, Record
         record.set("serial-port", port.name);
         records.push_back(std::move(record));
     }
-    return KM_IO_OK;
 }
 
 std::uint32_t listSerialLocators(SerialPortCache& cache, std::string_view optionsText, char* buffer,
                                  std::size_t* ioSize) {
     // This listing takes no option set: a plain search for the word is all
     // that decides whether the cache is bypassed.
-    const bool force = optionsText.find("force-rescan") != std::string_view::npos;
-    if (const std::uint32_t result = cache.refresh(force); result != KM_IO_OK) {
-        if (buffer != nullptr && *ioSize > 0) {
-            buffer[0] = '\0';
-        }
-        *ioSize = 0;
-        return result;
-    }
+    cache.refresh(mentions(optionsText, "force-rescan"));
     std::vector<std::string> locators;
     for (const auto& port : cache.ports()) {
         locators.push_back("serial:" + port.name);

@@ -22,9 +22,9 @@ struct SerialEnumerationOptions;
 // scan, for enumerateSerialInterfaces.
 // KM_IO_EnumerateDevices(3): every cached port as "serial:NAME", one per
 // line, for listSerialLocators.
-std::uint32_t enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
-                                     RecordList& records);
-std::uint32_t enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records);
+void enumerateSerialDevices(SerialPortCache& cache, const SerialEnumerationOptions& options,
+                            RecordList& records);
+void enumerateSerialInterfaces(const SerialPortScanner& scanner, RecordList& records);
 std::uint32_t listSerialLocators(SerialPortCache& cache, std::string_view optionsText, char* buffer,
                                  std::size_t* ioSize);
 

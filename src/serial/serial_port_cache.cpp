@@ -9,19 +9,18 @@ namespace kmio {
 SerialPortCache::SerialPortCache(std::shared_ptr<const SerialPortScanner> scanner, Clock clock)
     : scanner_(std::move(scanner)), clock_(std::move(clock)) {}
 
-std::uint32_t SerialPortCache::refresh(bool force) {
+void SerialPortCache::refresh(bool force) {
     const auto now = clock_();
     if (!force) {
         std::lock_guard lock(mutex_);
         if (scannedAt_ && now - *scannedAt_ < kFreshness) {
-            return KM_IO_OK;
+            return;
         }
     }
     std::vector<SerialPortEntry> scanned = scanner_->scan();
     std::lock_guard lock(mutex_);
     ports_ = std::move(scanned);
     scannedAt_ = now;
-    return KM_IO_OK;
 }
 
 std::vector<SerialPortEntry> SerialPortCache::ports() const {

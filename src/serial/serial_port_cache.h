@@ -26,8 +26,8 @@ public:
     SerialPortCache& operator=(const SerialPortCache&) = delete;
 
     // Scans unless the list is filled and younger than 3 s (always with force).
-    // Returns KM_IO_OK: a scan cannot fail, it only finds fewer ports.
-    std::uint32_t refresh(bool force);
+    // A scan cannot fail; it only finds fewer ports.
+    void refresh(bool force);
 
     // A copy of the cached list (empty before the first refresh).
     std::vector<SerialPortEntry> ports() const;

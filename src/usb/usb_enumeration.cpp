@@ -25,10 +25,6 @@ struct OlderListOptions {
     bool forceRescan = false;
 };
 
-bool mentions(std::string_view text, std::string_view name) {
-    return text.find(name) != std::string_view::npos;
-}
-
 OlderListOptions parseOlderListOptions(std::string_view text) {
     OlderListOptions o;
     for (const auto& [key, value] : splitOptions(text)) {
