@@ -5,7 +5,6 @@
 #include <string>
 #include <system_error>
 
-#include "discovery/discovery_log.h"
 #include "discovery/exceptions.h"
 #include "kmio/kmio.h"
 
@@ -30,11 +29,7 @@ PropertyRecord networkDeviceRecord(const kalometnd::DiscoverInfo& device, Ipv4 i
 
 NetworkDiscovery::NetworkDiscovery(kalometnd::ConnectionFactory makeConnection, Clock clock,
                                    DiscoveryEventSink sink)
-    : makeConnection_(std::move(makeConnection)), clock_(std::move(clock)), sink_(std::move(sink)) {
-    // Host threads write to the discovery log until the destructor has
-    // stopped them; making the log first makes it outlive this object.
-    (void)kalometnd::logMask();
-}
+    : makeConnection_(std::move(makeConnection)), clock_(std::move(clock)), sink_(std::move(sink)) {}
 
 NetworkDiscovery::~NetworkDiscovery() {
     std::map<Ipv4, ChannelPtr> channels;
