@@ -141,7 +141,10 @@
  * Opening reads the device's link profile from its EEPROM user area (a
  * record tagged "KMIO": 500000 baud; 12000000 baud with RTS/CTS; synchronous
  * FIFO; 3000000 baud) or, untagged, from its description; a device whose
- * profile is unknown gives KM_IO_ERR_BAD_OPTIONS. "baudrate" and
+ * profile is unknown gives KM_IO_ERR_BAD_OPTIONS. Synchronous FIFO (also
+ * chosen for a high-speed FT2232H without a tagged profile) sets RTS/CTS
+ * flow control, the handshake the chip's FIFO mode runs on, unless
+ * "ftdi-flow-control" says otherwise. "baudrate" and
  * "ftdi-flow-control" ("none", "rtscts", "dtrdsr"; anything else:
  * KM_IO_ERR_BAD_OPTIONS) override the profile. A rate the driver rejects, and
  * an "ftdi-latency" above 255, give KM_IO_ERR_BAD_OPTIONS; any other driver

@@ -17,6 +17,7 @@
 #include "options/option_list.h"
 #include "options/options_error.h"
 #include "options/text_output.h"
+#include "usb/chip_setup.h"
 #include "usb/d2xx_binding.h"
 #include "usb/usb_enumeration.h"
 #include "usb/usb_locator.h"
@@ -28,8 +29,6 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 using Wake = FtdiReceiveEvent::Wake;
 
-constexpr std::uint32_t kTransferSize = 65536;
-constexpr std::chrono::milliseconds kBitModeResetPause{10};
 // The largest count handed to one FT_Write.
 constexpr std::size_t kMaxWriteChunk = std::size_t{1} << 30;
 
@@ -91,14 +90,12 @@ std::uint32_t IoFtdi::open(std::shared_ptr<IoDevice> self) {
         const D2xxEntryPoints& api = cache_.binding().api();
         std::vector<std::uint8_t> userArea;
         if (readUserArea(api, chip_.get(), userArea) != d2xx::kOk) {
-            chip_.reset();
             return KM_IO_ERR_OPEN_FAILED;
         }
         const std::string description = device_.deviceDescription().value_or(device_.description);
         std::optional<LinkProfile> profile =
             deriveLinkProfile(userArea, description, device_.type, device_.highSpeed());
         if (!profile) {
-            chip_.reset();
             return KM_IO_ERR_BAD_OPTIONS;
         }
         profile->baudRate = options.baudrate.value_or(profile->baudRate);
@@ -107,12 +104,10 @@ std::uint32_t IoFtdi::open(std::shared_ptr<IoDevice> self) {
         }
         profile_ = *profile;
         if (const std::uint32_t configured = configure(options, profile_); configured != KM_IO_OK) {
-            chip_.reset();
             return configured;
         }
         if (!createReceiveEvent() || api.FT_SetEventNotification(chip_.get(), d2xx::kEventRxChar,
                                                                  event_->driverArgument()) != d2xx::kOk) {
-            chip_.reset();
             return KM_IO_ERR_OPEN_FAILED;
         }
         receiver_.start(std::move(self), [this] { receiveLoop(); });
@@ -200,12 +195,8 @@ std::uint32_t IoFtdi::configure(const UsbOpenOptions& options, const LinkProfile
               api.FT_SetTimeouts(h, options.rxTimeout, options.txTimeout) == kOk &&
               api.FT_SetLatencyTimer(h, static_cast<std::uint8_t>(options.ftdiLatency)) == kOk;
     if (ok && fifoChip) {
-        ok = api.FT_SetBitMode(h, 0xFF, kBitModeReset) == kOk;
-        if (ok) {
-            std::this_thread::sleep_for(kBitModeResetPause);
-            ok = api.FT_SetBitMode(h, 0xFF, kBitModeSyncFifo) == kOk &&
-                 api.FT_SetUSBParameters(h, kTransferSize, kTransferSize) == kOk;
-        }
+        ok = enterSynchronousFifo(api, h) &&
+             api.FT_SetUSBParameters(h, kUsbTransferSize, kUsbTransferSize) == kOk;
     }
     ok = ok && api.FT_Purge(h, kPurgeRx | kPurgeTx) == kOk;
     return ok ? KM_IO_OK : KM_IO_ERR_OPEN_FAILED;

@@ -38,14 +38,14 @@ std::uint8_t profileNumber(std::span<const std::uint8_t> userArea) {
 
 }  // namespace
 
-int productNameRow(std::string_view description) {
+ProductNameRow productNameRow(std::string_view description) {
     const auto& names = usbProductNames();
     for (std::size_t row = 0; row < names.size(); ++row) {
         if (names[row] == description) {
-            return static_cast<int>(row) + 1;
+            return static_cast<ProductNameRow>(row + 1);
         }
     }
-    return 0;
+    return ProductNameRow::None;
 }
 
 std::optional<LinkProfile> deriveLinkProfile(std::span<const std::uint8_t> userArea,
@@ -69,14 +69,16 @@ std::optional<LinkProfile> deriveLinkProfile(std::span<const std::uint8_t> userA
         return fifoLink();
     }
     switch (productNameRow(description)) {
-        case 1:
-        case 4:
+        case ProductNameRow::Serial500kProtocol146:
+        case ProductNameRow::Serial500kProtocol147:
             return serialLink(500000, d2xx::kFlowNone);
-        case 2:
+        case ProductNameRow::Serial12M:
             return serialLink(12000000, d2xx::kFlowRtsCts);
-        default:
-            return std::nullopt;
+        case ProductNameRow::ProbeDetect:
+        case ProductNameRow::None:
+            break;
     }
+    return std::nullopt;
 }
 
 d2xx::FT_STATUS readUserArea(const D2xxEntryPoints& api, d2xx::FT_HANDLE handle,

@@ -39,7 +39,17 @@ std::optional<LinkProfile> deriveLinkProfile(std::span<const std::uint8_t> userA
 d2xx::FT_STATUS readUserArea(const D2xxEntryPoints& api, d2xx::FT_HANDLE handle,
                              std::vector<std::uint8_t>& area);
 
-// Row numbers of the product-name table (1 to 4), 0 when no row matches.
-int productNameRow(std::string_view description);
+// The rows of the product-name table (usbProductNames()), named by what a
+// description in each row means for a device whose EEPROM names no profile.
+enum class ProductNameRow {
+    None = 0,               // in no row: no known link profile
+    Serial500kProtocol146,  // 500000 baud; speaks protocol 146 without a probe
+    Serial12M,              // 12000000 baud, RTS/CTS
+    ProbeDetect,            // probed; on a dual-channel chip, answers the detect marker
+    Serial500kProtocol147,  // 500000 baud; speaks protocol 147 without a probe
+};
+
+// The row whose text equals the description byte for byte.
+ProductNameRow productNameRow(std::string_view description);
 
 }  // namespace kmio

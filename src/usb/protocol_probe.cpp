@@ -1,4 +1,5 @@
 #include "usb/protocol_probe.h"
+#include "usb/chip_setup.h"
 
 #include <algorithm>
 #include <array>
@@ -19,30 +20,22 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::array<std::uint8_t, 6> kQuery{'x', 'D', 'q', 'P', 0, 0};
-constexpr std::uint16_t kProtocolRow1 = 146;
-constexpr std::uint16_t kProtocolRow4 = 147;
+constexpr std::uint16_t kProtocolOfRow146 = 146;
+constexpr std::uint16_t kProtocolOfRow147 = 147;
 constexpr std::uint16_t kProtocolDetect = 180;
 constexpr std::uint16_t kDetectMarker = 32766;
 constexpr std::uint32_t kProbeReadTimeoutMs = 500;
 constexpr std::uint32_t kProbeWriteTimeoutMs = 100;
 constexpr std::uint8_t kProbeLatencyMs = 2;
-constexpr std::uint32_t kTransferSize = 65536;
-constexpr std::chrono::milliseconds kBitModeResetPause{10};
 bool configure(const D2xxEntryPoints& api, d2xx::FT_HANDLE h, const LinkProfile& profile) {
     using namespace d2xx;
     if (profile.baudRate != 0 && api.FT_SetBaudRate(h, profile.baudRate) != kOk) {
         return false;
     }
-    if (profile.synchronousFifo) {
-        if (api.FT_SetBitMode(h, 0xFF, kBitModeReset) != kOk) {
-            return false;
-        }
-        std::this_thread::sleep_for(kBitModeResetPause);
-        if (api.FT_SetBitMode(h, 0xFF, kBitModeSyncFifo) != kOk) {
-            return false;
-        }
+    if (profile.synchronousFifo && !enterSynchronousFifo(api, h)) {
+        return false;
     }
-    return api.FT_SetUSBParameters(h, kTransferSize, kTransferSize) == kOk &&
+    return api.FT_SetUSBParameters(h, kUsbTransferSize, kUsbTransferSize) == kOk &&
            api.FT_SetDataCharacteristics(h, kBits8, kStopBits1, kParityNone) == kOk &&
            api.FT_SetFlowControl(h, profile.flowControl, 0, 0) == kOk &&
            api.FT_SetTimeouts(h, kProbeReadTimeoutMs, kProbeWriteTimeoutMs) == kOk &&
@@ -75,12 +68,12 @@ ProbeOutcome failed(std::uint32_t result) {
 
 ProbeOutcome probeProtocolIds(const D2xxEntryPoints& api, int index, const UsbDeviceEntry& entry,
                               std::string_view description, std::chrono::milliseconds replyLimit) {
-    const int row = productNameRow(description);
-    if (row == 1) {
-        return ProbeOutcome{KM_IO_OK, {kProtocolRow1}};
+    const ProductNameRow row = productNameRow(description);
+    if (row == ProductNameRow::Serial500kProtocol146) {
+        return ProbeOutcome{KM_IO_OK, {kProtocolOfRow146}};
     }
-    if (row == 4) {
-        return ProbeOutcome{KM_IO_OK, {kProtocolRow4}};
+    if (row == ProductNameRow::Serial500kProtocol147) {
+        return ProbeOutcome{KM_IO_OK, {kProtocolOfRow147}};
     }
 
     d2xx::FT_HANDLE raw = nullptr;
@@ -113,7 +106,7 @@ ProbeOutcome probeProtocolIds(const D2xxEntryPoints& api, int index, const UsbDe
     }
 
     ProbeOutcome outcome;
-    const bool detectChip = entry.dualChannel() && row == 3;
+    const bool detectChip = entry.dualChannel() && row == ProductNameRow::ProbeDetect;
     for (;;) {
         const ProbeFrameReader::Result r = reader.next(frame);
         if (r == ProbeFrameReader::Result::TimedOut) {

@@ -11,8 +11,6 @@
 
 namespace kmio {
 
-namespace {}  // namespace
-
 UsbDeviceCache::UsbDeviceCache(D2xxBinding& binding, Clock now) : binding_(binding), now_(std::move(now)) {}
 
 std::uint32_t UsbDeviceCache::scan(bool force) {
@@ -28,10 +26,10 @@ std::uint32_t UsbDeviceCache::scan(bool force) {
     return KM_IO_OK;
 }
 
-std::vector<SelectedUsbDevice> UsbDeviceCache::select(const UsbDeviceFilter& filter) {
+std::vector<SelectedUsbDevice> UsbDeviceCache::select(const UsbDeviceFilter& filter) const {
     std::vector<SelectedUsbDevice> selected;
     for (std::size_t index = 0; index < entries_.size(); ++index) {
-        UsbDeviceEntry& entry = entries_[index];
+        const UsbDeviceEntry& entry = entries_[index];
         if (entry.type == d2xx::kDeviceUnknown || (filter.onlyAvailable && entry.opened())) {
             continue;
         }
@@ -41,12 +39,18 @@ std::vector<SelectedUsbDevice> UsbDeviceCache::select(const UsbDeviceFilter& fil
             !admits(filter.productIds, std::uint32_t{entry.productId()})) {
             continue;
         }
-        // A failed probe leaves the device without protocol ids; it is still listed.
-        entry.protocolIds =
-            probeProtocolIds(binding_.api(), static_cast<int>(index), entry, *description).protocolIds;
         selected.push_back(SelectedUsbDevice{index, std::move(*description)});
     }
     return selected;
+}
+
+void UsbDeviceCache::probe(const std::vector<SelectedUsbDevice>& devices) {
+    for (const SelectedUsbDevice& device : devices) {
+        UsbDeviceEntry& entry = entries_.at(device.index);
+        entry.protocolIds =
+            probeProtocolIds(binding_.api(), static_cast<int>(device.index), entry, device.description)
+                .protocolIds;
+    }
 }
 
 std::uint32_t UsbDeviceCache::chipId(std::size_t index) {

@@ -52,10 +52,14 @@ public:
     std::uint32_t scan(bool force);
 
     // Filters the scanned devices in list order (unknown device type, opened
-    // devices, the dual-channel rule, product name, vendor id, product id)
-    // and runs the protocol-id probe of every device kept, which records its
-    // protocol ids in the entry.
-    std::vector<SelectedUsbDevice> select(const UsbDeviceFilter& filter);
+    // devices, the dual-channel rule, product name, vendor id, product id).
+    // Makes no driver call.
+    std::vector<SelectedUsbDevice> select(const UsbDeviceFilter& filter) const;
+
+    // Runs the protocol-id probe of each selected device, in order, and
+    // records its protocol ids in its entry; a failed probe leaves none (the
+    // device is still listed). Both listings probe what they select.
+    void probe(const std::vector<SelectedUsbDevice>& devices);
 
     // The chip id of an entry, read (by opening the device) at most once per
     // scan; 0 when it cannot be read.

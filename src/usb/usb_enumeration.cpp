@@ -72,7 +72,9 @@ std::uint32_t olderUsbListLocked(std::string_view optionsText, UsbDeviceCache& c
         return scanned;
     }
     std::vector<std::string> lines;
-    for (const SelectedUsbDevice& device : cache.select(options.filter)) {
+    const std::vector<SelectedUsbDevice> selected = cache.select(options.filter);
+    cache.probe(selected);
+    for (const SelectedUsbDevice& device : selected) {
         const UsbDeviceEntry& entry = cache.entries()[device.index];
         std::string line = "usb";
         if (options.includeId) {
@@ -127,7 +129,9 @@ std::uint32_t enumerateUsbDevices(const UsbEnumerationOptions& options, RecordLi
     }
     const UsbDeviceFilter filter{options.findOnlyAvailable, options.findUsbProductName, options.findUsbVid,
                                  options.findUsbPid};
-    for (const SelectedUsbDevice& device : cache.select(filter)) {
+    const std::vector<SelectedUsbDevice> selected = cache.select(filter);
+    cache.probe(selected);
+    for (const SelectedUsbDevice& device : selected) {
         const UsbDeviceEntry& entry = cache.entries()[device.index];
         const PropertyRecord record =
             deviceRecord(entry, device.description, cache.chipId(device.index), options.locatorFormatUsb);
