@@ -4,8 +4,6 @@
 // (HZ...), so that simulators other programs run on loopback at the same
 // time cannot show up in what these tests count.
 
-#include <sstream>
-
 #include "network/api_support.h"
 
 namespace kmiotest {
@@ -21,18 +19,7 @@ inline std::unique_ptr<ChildProcess> startHardeningSimulator(std::uint16_t first
 // The locators of our devices that a forced combined listing on loopback
 // finds, with the reply-collection time of a normal pass.
 inline std::string ourLocators(std::uint32_t& rc) {
-    std::vector<char> buffer(1 << 20);
-    std::size_t size = buffer.size();
-    const std::string options = kLoopbackEnumeration + "only-locator\nforce-rescan 1\ndiscovery-timeout 500";
-    rc = KM_IO_EnumerateDevices(KM_IO_IFACE_ALL, options.c_str(), buffer.data(), &size);
-    std::istringstream text(std::string(buffer.data(), rc == KM_IO_OK ? size : 0));
-    std::string ours;
-    for (std::string line; std::getline(text, line);) {
-        if (line.starts_with("network:sn:HZ")) {
-            ours += (ours.empty() ? "" : "\n") + line;
-        }
-    }
-    return ours;
+    return enumerateLinesHolding(kLoopbackEnumeration + "only-locator\nforce-rescan 1", "network:sn:HZ", rc);
 }
 
 }  // namespace kmiotest

@@ -29,12 +29,14 @@ using namespace std::chrono_literals;
 
 inline const std::string kLoopbackEnumeration = "iface-type network\niface network:127.0.0.1\n";
 
-// KM_IO_EnumerateDevices(9999, ...) and the lines naming our devices: other
-// programs may run simulators on loopback too. A pass waits 500 ms for replies
-// unless the options say otherwise (the first value of a key wins): on a
-// loaded machine, sanitizers included, the default 100 ms can expire before
-// a reply is read, and the pass would then age out a device that is there.
-inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
+// KM_IO_EnumerateDevices(9999, ...) and only the lines that hold the marker
+// (our devices' serial-number prefix): other programs may run simulators on
+// loopback too. A pass waits 500 ms for replies unless the options say
+// otherwise (the first value of a key wins): on a loaded machine, sanitizers
+// included, the default 100 ms can expire before a reply is read, and the
+// pass would then age out a device that is there.
+inline std::string enumerateLinesHolding(const std::string& options, const std::string& marker,
+                                         std::uint32_t& rc) {
     std::vector<char> buffer(1 << 20);
     std::size_t size = buffer.size();
     const std::string withTimeout = options + "\ndiscovery-timeout 500";
@@ -42,11 +44,16 @@ inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
     std::istringstream text(std::string(buffer.data(), rc == KM_IO_OK ? size : 0));
     std::string ours;
     for (std::string line; std::getline(text, line);) {
-        if (line.find("NE0") != std::string::npos) {
+        if (line.find(marker) != std::string::npos) {
             ours += (ours.empty() ? "" : "\n") + line;
         }
     }
     return ours;
+}
+
+// The lines of the NE... devices that these tests start.
+inline std::string enumerate(const std::string& options, std::uint32_t& rc) {
+    return enumerateLinesHolding(options, "NE0", rc);
 }
 
 // One device's record with every field, as kmio-sim reports it.

@@ -188,18 +188,27 @@ TEST_F(IoSerialPort, NoCallbackAfterCloseWithWait) {
     auto device = open("baudrate 115200");
     ASSERT_TRUE(device);
     std::atomic<bool> stop{false};
+    std::atomic<int> written{0};
     ::fcntl(pty.master.get(), F_SETFL, O_NONBLOCK);  // the port's input fills up once it is closed
     std::thread writer([&] {
         const std::uint8_t block[64] = {};
         while (!stop) {
-            [[maybe_unused]] auto n = ::write(pty.master.get(), block, sizeof block);
+            if (::write(pty.master.get(), block, sizeof block) > 0) {
+                ++written;
+            }
             std::this_thread::yield();
         }
     });
     ASSERT_TRUE(sink.waitUntil([&] { return !sink.bytes.empty(); }));
     device->close(true);
     sink.closed = true;
-    std::this_thread::sleep_for(100ms);
+    // Bytes keep arriving at the closed port until its input is full: wait
+    // for a good many of them, each a chance for a stray callback.
+    const int atClose = written;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (written < atClose + 32 && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::yield();
+    }
     stop = true;
     writer.join();
     EXPECT_EQ(sink.callsAfterClose, 0);
