@@ -35,8 +35,14 @@ auto registerPending(Table& table, const Token& token) {
 
 }  // namespace
 
-Host::Host(ConnectionFactory makeConnection)
-    : makeConnection_(std::move(makeConnection)), tokenGenerator_(std::random_device{}()) {}
+void Host::sleepAfterFailure() {
+    std::this_thread::sleep_for(kPauseAfterError);
+}
+
+Host::Host(ConnectionFactory makeConnection, PauseAfterFailure pauseAfterFailure)
+    : makeConnection_(std::move(makeConnection)),
+      pauseAfterFailure_(std::move(pauseAfterFailure)),
+      tokenGenerator_(std::random_device{}()) {}
 
 Host::~Host() {
     stop();
@@ -197,7 +203,7 @@ void Host::receiveLoop(std::shared_ptr<Connection> connection) {
             // other failure gets one immediate retry, then a pause per repeat.
             if (dynamic_cast<const DatagramDroppedException*>(&e) == nullptr) {
                 if (failedLastTime) {
-                    std::this_thread::sleep_for(kPauseAfterError);
+                    pauseAfterFailure_();
                 }
                 failedLastTime = true;
             }

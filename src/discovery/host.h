@@ -57,7 +57,14 @@ public:
     // again; stop does not wait for it, closing the connection wakes the thread.
     static constexpr int kReceiveTimeoutMs = 5000;
 
-    explicit Host(ConnectionFactory makeConnection = createConnection);
+    // What the receiving thread does between repeated receive failures (other
+    // than dropped datagrams), so that a broken socket cannot make it spin:
+    // by default it sleeps 50 ms. Tests hand in their own to count the pauses.
+    using PauseAfterFailure = std::function<void()>;
+    static void sleepAfterFailure();
+
+    explicit Host(ConnectionFactory makeConnection = createConnection,
+                  PauseAfterFailure pauseAfterFailure = sleepAfterFailure);
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
     // Stops, then cancels whatever is still pending.
@@ -113,6 +120,7 @@ private:
     void notifyListeners(const DiscoverInfo& info);
 
     ConnectionFactory makeConnection_;
+    PauseAfterFailure pauseAfterFailure_;
 
     mutable std::mutex mutex_;
     bool running_ = false;

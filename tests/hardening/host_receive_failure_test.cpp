@@ -7,7 +7,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "discovery/connection.h"
@@ -59,9 +61,9 @@ private:
 
 template <class Failure>
 struct ScriptedHost {
-    explicit ScriptedHost(int failures)
+    explicit ScriptedHost(int failures, Host::PauseAfterFailure pause = Host::sleepAfterFailure)
         : connection(std::make_shared<FailingConnection<Failure>>(failures)),
-          host([c = connection](const std::set<std::uint32_t>&) { return c; }) {
+          host([c = connection](const std::set<std::uint32_t>&) { return c; }, std::move(pause)) {
         host.addListener([this](const DiscoverInfo&) {
             heard = true;
             return true;
@@ -76,20 +78,42 @@ struct ScriptedHost {
 };
 
 TEST(HostReceiveFailures, DroppedDatagramsAreReadPastWithoutPausing) {
-    // 400 failures with a 50 ms pause each would take 20 s.
-    ScriptedHost<DatagramDroppedException> scripted(400);
+    std::atomic<int> pauses{0};
+    ScriptedHost<DatagramDroppedException> scripted(400, [&] { ++pauses; });
     EXPECT_TRUE(kmiotest::eventually([&] { return scripted.heard.load(); }))
         << scripted.connection->calls() << " receives so far";
+    EXPECT_EQ(pauses, 0);
 }
 
+// The first failure is retried at once; every repeat after it pauses. The
+// fifth pause holds the thread, so the count of receives is exact.
 TEST(HostReceiveFailures, RepeatedFailuresWithoutDatagramArePausedOn) {
-    ScriptedHost<NetworkException> scripted(1000000);
-    std::this_thread::sleep_for(1s);
-    // A pause of 50 ms per repeat allows about 20 in a second; a spinning
-    // thread makes hundreds of thousands.
-    EXPECT_LT(scripted.connection->calls(), 200);
-    EXPECT_GE(scripted.connection->calls(), 2);
-    EXPECT_FALSE(scripted.heard);
+    std::mutex mutex;
+    std::condition_variable changed;
+    int pauses = 0;
+    bool released = false;
+    const auto pause = [&] {
+        std::unique_lock lock(mutex);
+        ++pauses;
+        changed.notify_all();
+        changed.wait(lock, [&] { return pauses < 5 || released; });
+    };
+    {
+        ScriptedHost<NetworkException> scripted(1000000, pause);
+        bool held = false;
+        {
+            std::unique_lock lock(mutex);
+            held = changed.wait_for(lock, 10s, [&] { return pauses == 5; });
+        }
+        EXPECT_TRUE(held) << pauses << " pauses";
+        EXPECT_EQ(scripted.connection->calls(), 6);
+        EXPECT_FALSE(scripted.heard);
+        {
+            const std::lock_guard lock(mutex);
+            released = true;
+        }
+        changed.notify_all();
+    }
 }
 
 }  // namespace
