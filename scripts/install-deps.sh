@@ -1,9 +1,14 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the benchmarks need,
-# only when one is missing, so that repeated runs cost nothing.
+# only when one is missing, so that repeated runs cost nothing. With package
+# names as arguments, installs those instead (the stages that need more,
+# such as the device stage, call it so).
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libbenchmark-dev libserialport-dev iproute2 procps)
+if (($#)); then
+    packages=("$@")
+fi
 
 missing=()
 for p in "${packages[@]}"; do

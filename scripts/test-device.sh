@@ -10,22 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 build=$(realpath "${1:-build/default}")
 
-packages=(qemu-system-x86 linux-image-amd64 busybox-static cpio python3 python3-serial)
-missing=()
-for p in "${packages[@]}"; do
-    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
-        missing+=("$p")
-    fi
-done
-if ((${#missing[@]})); then
-    echo "Installing: ${missing[*]}"
-    sudo_cmd=()
-    if [[ $(id -u) -ne 0 ]]; then
-        sudo_cmd=(sudo)
-    fi
-    "${sudo_cmd[@]}" apt-get update
-    DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+scripts/install-deps.sh qemu-system-x86 linux-image-amd64 busybox-static cpio python3 python3-serial
 
 cmake --build "${build}" --target kmio-cli kmio-guest-serial-checks
 # The guest runs Debian's python3 with the host's root as its own, so
