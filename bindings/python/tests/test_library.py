@@ -45,6 +45,23 @@ def test_every_result_code_of_the_header_has_its_exception():
         assert f"KM_IO_ERR_{name}" in str(error)
 
 
+@pytest.mark.parametrize(
+    "code, also",
+    [(2, ValueError), (4, ValueError), (7, ConnectionError), (3, OSError), (9, OSError), (99, OSError)],
+)
+def test_errors_are_os_errors_and_the_builtin_kind_that_fits(code, also):
+    error = error_for(code, "call")
+    assert isinstance(error, OSError) and isinstance(error, also)
+    with pytest.raises(also):
+        raise error
+
+
+def test_import_star_does_not_shadow_the_builtin_open():
+    namespace = {}
+    exec("from kalometio import *", namespace)
+    assert "open" not in namespace and callable(km.open)
+
+
 def test_a_code_this_version_does_not_know_is_a_plain_kmio_error():
     error = error_for(99, "call")
     assert type(error) is km.KmioError and error.code == 99

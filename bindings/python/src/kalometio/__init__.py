@@ -73,7 +73,6 @@ __all__ = [
     "list_interfaces",
     "list_locators",
     "locator_type",
-    "open",
     "option_text",
     "set_global_options",
     "version",

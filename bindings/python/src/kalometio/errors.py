@@ -4,6 +4,12 @@ Every failing call raises a subclass of :class:`KmioError` named after its
 result code, with the code in ``.code``, so callers can catch one kind of
 failure (``except kalometio.NotFoundError``) or all of them
 (``except kalometio.KmioError``).
+
+:class:`KmioError` is an :class:`OSError`, as pyserial's ``SerialException``
+is, so code written against pyserial that catches ``OSError`` keeps working.
+The classes for a bad argument (a bad locator, bad options) are also
+:class:`ValueError`, and the one for a lost connection is also
+:class:`ConnectionError`.
 """
 
 from __future__ import annotations
@@ -11,7 +17,7 @@ from __future__ import annotations
 from typing import Dict, Optional, Type
 
 
-class KmioError(Exception):
+class KmioError(OSError):
     """A call into libkmio failed.
 
     Attributes:
@@ -36,7 +42,7 @@ class NoFreeHandleError(KmioError):
     code, name, meaning = 1, "NO_FREE_HANDLE", "all 64 handles are in use"
 
 
-class BadLocatorError(KmioError):
+class BadLocatorError(KmioError, ValueError):
     """The locator has no ':', an unknown prefix, or fields the link cannot use."""
 
     code, name, meaning = 2, "BAD_LOCATOR", "bad locator"
@@ -48,7 +54,7 @@ class NotFoundError(KmioError):
     code, name, meaning = 3, "NOT_FOUND", "the device was not found"
 
 
-class BadOptionsError(KmioError):
+class BadOptionsError(KmioError, ValueError):
     """The option string was refused (bad value, unknown key under "strict")."""
 
     code, name, meaning = 4, "BAD_OPTIONS", "bad options"
@@ -66,7 +72,7 @@ class InvalidHandleError(KmioError):
     code, name, meaning = 6, "INVALID_HANDLE", "the device is not open"
 
 
-class LinkLostError(KmioError):
+class LinkLostError(KmioError, ConnectionError):
     """The connection or device went away."""
 
     code, name, meaning = 7, "LINK_LOST", "the connection or device went away"
