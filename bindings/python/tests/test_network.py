@@ -75,6 +75,7 @@ def test_watch_reports_devices_that_appear_and_vanish(simulator):
         serial = sim.serials[0]
         appeared = next_event(watcher, "appear", serial)
         assert appeared is not None
+        assert appeared.kind is km.EventKind.APPEAR and appeared.kind == "appear"
         assert appeared.locator == f"network:sn:{serial}"
         assert (appeared.host, appeared.port) == ("127.0.0.1", sim.first_port)
         assert appeared.available
@@ -84,11 +85,29 @@ def test_watch_reports_devices_that_appear_and_vanish(simulator):
         vanished = next_event(watcher, "vanish", serial)
         assert vanished is not None and vanished.serial_number == serial
     assert watcher.closed
-    while watcher.get(timeout=0) is not None:
-        pass  # events queued before the close can still be read
     start = time.monotonic()
-    assert watcher.get(timeout=30) is None
+    with pytest.raises(km.WatcherStopped):
+        while True:
+            watcher.get(timeout=30)  # events queued before the close can still be read
     assert time.monotonic() - start < 15  # a stopped watcher does not make readers wait out their timeout
+
+
+def test_a_quiet_watcher_times_out_with_none():
+    with km.watch(iface="network:none") as watcher:
+        assert watcher.get(timeout=0.05) is None
+
+
+def test_closing_a_watcher_restores_the_discovery_settings_it_changed():
+    from kalometio import _globals as G
+
+    km.set_global_options(discovery_iface="network:127.0.0.1", locator_format_network="host")
+    try:
+        with km.watch(iface="network:none", locator_format_network="sn"):
+            assert G._current["discovery_iface"] == "network:none"
+        assert G._current["discovery_iface"] == "network:127.0.0.1"
+        assert G._current["locator_format_network"] == "host"
+    finally:
+        km.set_global_options(discovery_iface="network:none", locator_format_network="sn")
 
 
 def test_only_one_watch_runs_at_a_time_and_a_failed_start_frees_the_slot():

@@ -44,7 +44,7 @@ from .errors import (
     UnknownPropertyError,
     WrongEventTypeError,
 )
-from .events import DiscoveryEvent, Watcher, watch
+from .events import DiscoveryEvent, EventKind, Watcher, WatcherStopped, watch
 from .options import option_text
 
 __version__ = "2.2.0"
@@ -56,6 +56,7 @@ __all__ = [
     "Device",
     "DiscoveryEvent",
     "DriverUnavailableError",
+    "EventKind",
     "EnumerationFailedError",
     "InvalidHandleError",
     "KmioError",
@@ -68,6 +69,7 @@ __all__ = [
     "SendFailedError",
     "UnknownPropertyError",
     "Watcher",
+    "WatcherStopped",
     "WrongEventTypeError",
     "list_devices",
     "list_interfaces",

@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 from typing import Dict, List, Tuple
 
+from . import _globals as G
 from . import _library as L
 from .options import OptionValue, option_lines, option_text, parse_records
 
@@ -92,3 +93,4 @@ def set_global_options(**options: OptionValue) -> None:
     """Sets process-wide discovery options (``locator_format_network="host"``, ``discovery_iface=...``)."""
     L.run_deferred()
     L.check(L.lib().KM_IO_SetGlobalOptions(option_text(options).encode()), "set global options")
+    G.record(options)

@@ -7,13 +7,36 @@ import queue
 import threading
 import weakref
 from dataclasses import dataclass, field
+from enum import Enum
 from typing import Any, Dict, Iterator, Optional, Tuple, cast
 
+from . import _globals as G
 from . import _library as L
 from .errors import KmioError
 from .options import OptionValue, option_lines, option_text, parse_record
 
-_KINDS = {L.EVENT_ERROR: "error", L.EVENT_DEVICE_AVAILABLE: "appear", L.EVENT_DEVICE_UNAVAILABLE: "vanish"}
+
+
+class EventKind(str, Enum):
+    """What an event says. A ``str`` too, so ``event.kind == "appear"`` holds."""
+
+    APPEAR = "appear"  # found, or changed and present
+    VANISH = "vanish"  # lost, or no longer available
+    ERROR = "error"  # a discovery error, with its code and text
+
+    def __str__(self) -> str:
+        return self.value
+
+
+class WatcherStopped(Exception):
+    """Raised by :meth:`Watcher.get` once the watcher is closed and its queued events are read."""
+
+
+_KINDS = {
+    L.EVENT_ERROR: EventKind.ERROR,
+    L.EVENT_DEVICE_AVAILABLE: EventKind.APPEAR,
+    L.EVENT_DEVICE_UNAVAILABLE: EventKind.VANISH,
+}
 
 
 @dataclass(frozen=True)
@@ -21,15 +44,15 @@ class DiscoveryEvent:
     """One event of the library's discovery.
 
     Attributes:
-        kind: "appear" (found, or changed and present), "vanish" (lost or no
-            longer available), or "error".
+        kind: an :class:`EventKind`: APPEAR (found, or changed and present),
+            VANISH (lost or no longer available), or ERROR.
         record: the device's property record (every key), e.g. ``device-sn``,
             ``locator``, ``network-host``, ``network-port``, ``device-info``.
         code: the error code of an "error" event, else 0.
         message: the text of an "error" event, else "".
     """
 
-    kind: str
+    kind: EventKind
     record: Dict[str, str] = field(default_factory=dict)
     code: int = 0
     message: str = ""
@@ -66,6 +89,8 @@ class _Stopped:
 
 
 _STOPPED = _Stopped()
+# The global settings a watcher may change, and so restores when it stops.
+_WATCHED_KEYS = ("discovery_iface", "locator_format_network")
 _active_lock = threading.Lock()
 _active = False
 
@@ -109,7 +134,8 @@ def _stop(callback: object) -> None:
         return
     library = L.lib()
     library.KM_IO_SetEventCallback(L.EventCallback(0), None)  # a null callback switches events off
-    library.KM_IO_SetGlobalOptions(b"discovery-iface network:none")
+    # Back to the discovery settings in force before the watcher started.
+    library.KM_IO_SetGlobalOptions(option_text(G.restorable(_WATCHED_KEYS)).encode())
     with _active_lock:
         _active = False
 
@@ -134,37 +160,47 @@ class Watcher:
         self._events: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         callback = _event_handler(self._events)
         self._finalizer = weakref.finalize(self, _stop, callback)
-        text = "\n".join(filter(None, [*option_lines("discovery-iface", iface), option_text(options)]))
+        settings = {"discovery_iface": iface, **options}
+        G.remember_before(settings)
+        text = option_text(settings)
         library = L.lib()
         try:
             library.KM_IO_SetEventCallback(callback, None)
             L.check(library.KM_IO_SetGlobalOptions(text.encode()), "start discovery")
+            G.record(settings)
         except BaseException:
             self._finalizer()
             raise
 
     def get(self, timeout: Optional[float] = None) -> Optional[DiscoveryEvent]:
-        """Returns the next event, or None if none came within ``timeout`` seconds or the watcher stopped."""
+        """Returns the next event; None if none came within ``timeout`` seconds.
+
+        Raises :class:`WatcherStopped` once the watcher is closed and every
+        event queued before the close has been read, so a caller can tell a
+        quiet network from a stopped watcher.
+        """
         try:
             item = self._events.get(timeout=timeout)
         except queue.Empty:
             return None
         if isinstance(item, _Stopped):
             self._events.put(item)
-            return None
+            raise WatcherStopped("the watcher is closed")
         if isinstance(item, KmioError):
             raise item
         event_type, text, code = cast(Tuple[int, str, int], item)
         if event_type == L.EVENT_ERROR:
-            return DiscoveryEvent("error", {}, code, text)
-        return DiscoveryEvent(_KINDS.get(event_type, str(event_type)), parse_record(text) if text else {})
+            return DiscoveryEvent(EventKind.ERROR, {}, code, text)
+        return DiscoveryEvent(_KINDS[event_type], parse_record(text) if text else {})
 
     def __iter__(self) -> Iterator[DiscoveryEvent]:
         while True:
-            event = self.get()
-            if event is None:
+            try:
+                event = self.get()
+            except WatcherStopped:
                 return
-            yield event
+            if event is not None:
+                yield event
 
     @property
     def closed(self) -> bool:
