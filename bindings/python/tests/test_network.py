@@ -43,6 +43,22 @@ def test_listing_finds_the_simulated_devices_with_their_records(simulator):
     assert f"network:127.0.0.1:{sim.first_port}" in locators
 
 
+def test_device_infos_are_the_same_devices_in_structured_form(simulator):
+    sim = simulator(prefix="PYD", count=2)
+    infos = sorted(
+        (i for i in km.list_device_infos(link="network", iface=LOOPBACK, force_rescan=True, discovery_timeout=500)
+        if i.serial_number in sim.serials),
+        key=lambda i: i.serial_number,
+    )
+    assert [i.serial_number for i in infos] == sim.serials
+    for info in infos:
+        assert (info.link, info.locator, info.available) == ("network", f"network:sn:{info.serial_number}", True)
+        assert (info.vid, info.pid, info.description) == (None, None, None)
+        assert info.record["network-host"] == "127.0.0.1"
+    with pytest.raises(ValueError):
+        km.list_device_infos(include_locator=True)
+
+
 def test_a_device_opened_by_serial_number_echoes(simulator):
     sim = simulator(prefix="PYE", count=1)
     payload = os.urandom(64 * 1024)

@@ -19,6 +19,8 @@ installed libkmio.so.2.
 
 from .device import Device, open
 from .enumeration import (
+    DeviceInfo,
+    list_device_infos,
     list_devices,
     list_interfaces,
     list_locators,
@@ -54,6 +56,7 @@ __all__ = [
     "BadOptionsError",
     "BufferTooSmallError",
     "Device",
+    "DeviceInfo",
     "DiscoveryEvent",
     "DriverUnavailableError",
     "EventKind",
@@ -71,6 +74,7 @@ __all__ = [
     "Watcher",
     "WatcherStopped",
     "WrongEventTypeError",
+    "list_device_infos",
     "list_devices",
     "list_interfaces",
     "list_locators",

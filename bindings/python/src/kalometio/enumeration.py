@@ -3,7 +3,8 @@
 from __future__ import annotations
 
 import ctypes
-from typing import Dict, List, Tuple
+from dataclasses import dataclass, field
+from typing import Dict, List, Optional, Tuple
 
 from . import _globals as G
 from . import _library as L
@@ -66,6 +67,61 @@ def list_devices(link: str = "all", **options: OptionValue) -> List[Record]:
     if options.get("only_locator"):
         raise ValueError("only_locator gives bare locators: use list_locators()")
     return parse_records(_enumerate(link, _with_every_key(options)))
+
+
+@dataclass(frozen=True)
+class DeviceInfo:
+    """One listed device in a structured form.
+
+    Attributes:
+        link: "usb", "network" or "serial".
+        locator: what :func:`kalometio.open` takes.
+        serial_number: the device's serial number (USB and network; serial
+            ports with ``serial_usb_info=True`` when a USB adapter has one).
+        vid, pid: USB vendor and product ids (USB; serial with ``serial_usb_info``).
+        description: the USB product text (USB; serial with ``serial_usb_info``).
+        available: whether the device can be opened now (ports listed are).
+        record: the full property record the library gave.
+    """
+
+    link: str
+    locator: str
+    serial_number: Optional[str] = None
+    vid: Optional[int] = None
+    pid: Optional[int] = None
+    description: Optional[str] = None
+    available: bool = True
+    record: Record = field(default_factory=dict)
+
+    @classmethod
+    def from_record(cls, record: Record) -> "DeviceInfo":
+        """Builds the structured form of one property record."""
+
+        def number(key: str) -> Optional[int]:
+            value = record.get(key)
+            return int(value) if value else None
+
+        return cls(
+            link=record.get("iface-type", ""),
+            locator=record.get("locator", ""),
+            serial_number=record.get("device-sn"),
+            vid=number("usb-vid"),
+            pid=number("usb-pid"),
+            description=record.get("usb-desc"),
+            available=record.get("available", "1") == "1",
+            record=dict(record),
+        )
+
+
+def list_device_infos(link: str = "all", **options: OptionValue) -> List[DeviceInfo]:
+    """Lists devices as :class:`DeviceInfo` objects, with every key of each record.
+
+    Takes the options of :func:`list_devices`, except the ``include_`` and
+    ``only_`` ones (every key is read).
+    """
+    if any(key.replace("_", "-").startswith(("include-", "only-")) for key in options):
+        raise ValueError("list_device_infos reads every key: leave out include_ and only_ options")
+    return [DeviceInfo.from_record(record) for record in list_devices(link, **options)]
 
 
 def list_locators(link: str = "all", **options: OptionValue) -> List[str]:
