@@ -22,12 +22,14 @@ mount -t sysfs sysfs /host/sys
 mount -t devtmpfs devtmpfs /host/dev
 mkdir -p /host/dev/pts
 mount -t devpts devpts /host/dev/pts
-mount -t tmpfs tmpfs /host/tmp
+# The host's /tmp stays visible (the build tree may live there, as in a CI
+# clone); what the guest writes goes to a tmpfs on /run, named by TMPDIR.
 mount -t tmpfs tmpfs /host/run
+mkdir -p /host/run/tmp
 
 echo "@@guest-up $(cut -d' ' -f1 /proc/uptime)"
 # kmio_src and kmio_build come from the kernel command line.
-chroot /host /usr/bin/env -i PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/tmp LANG=C.UTF-8 \
+chroot /host /usr/bin/env -i PATH=/usr/bin:/bin:/usr/sbin:/sbin HOME=/run/tmp TMPDIR=/run/tmp LANG=C.UTF-8 \
     KMIO_SRC="${kmio_src}" KMIO_BUILD="${kmio_build}" \
     /bin/bash "${kmio_src}/tests/vm/guest_checks.sh"
 echo "@@guest-exit $?"

@@ -125,7 +125,7 @@ def main():
         "-display", "none", "-serial", "stdio", "-monitor", "none", "-no-reboot",
         "-kernel", kernel, "-initrd", initramfs,
         "-append", f"console=ttyS0 panic=-1 kmio_src={args.source} kmio_build={args.build}",
-        "-virtfs", "local,path=/,mount_tag=hostroot,security_model=none,readonly=on",
+        "-virtfs", "local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap",
         "-device", "qemu-xhci,id=xhci",
     ]
     for i, (path, serial) in enumerate(zip(sockets, SERIALS)):
