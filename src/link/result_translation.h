@@ -16,9 +16,9 @@ namespace kmio {
 //  Enumeration    4 bad options      13 enumeration failed
 //  GlobalOptions  4 bad options      4 bad options (the settings stay as they were)
 //
-// (*) OptionsError, and the std::invalid_argument / std::out_of_range of a
-// value converted outside an option set (a "strict" value that is not a
-// boolean, a port in a locator).
+// (*) OptionsError, and the std::invalid_argument of a value converted
+// outside an option set (a "strict" value that is not a boolean; an
+// std::out_of_range counts the same).
 //
 // Enumeration and GlobalOptions pass a std::system_error with
 // resource_deadlock_would_occur on unchanged: it is the re-entry of the table

@@ -1,7 +1,5 @@
 #include "options/locator.h"
 
-#include <stdexcept>
-
 #include "kmio/kmio.h"
 #include "options/option_list.h"
 #include "options/options_error.h"
@@ -193,14 +191,7 @@ std::uint32_t parseNetworkLocator(std::string_view locator, const NetworkOpenOpt
 
     std::uint32_t locatorPort = 0;
     if (portText != nullptr) {
-        try {
-            locatorPort = toUnsigned(*portText);
-        } catch (const std::invalid_argument&) {
-            return KM_IO_ERR_BAD_OPTIONS;
-        } catch (const std::out_of_range&) {
-            return KM_IO_ERR_BAD_OPTIONS;
-        }
-        if (locatorPort > kMaxPort) {
+        if (readUnsigned(*portText, locatorPort) != NumberReading::Ok || locatorPort > kMaxPort) {
             return KM_IO_ERR_BAD_OPTIONS;
         }
     }

@@ -85,7 +85,7 @@ OptionList splitOptions(std::string_view text) {
     return list;
 }
 
-std::uint32_t toUnsigned(const std::string& value) {
+NumberReading readUnsigned(std::string_view value, std::uint32_t& result) {
     // Behaves like std::stoul where unsigned long has 32 bits, whatever the
     // platform's own width, so that option strings mean the same everywhere.
     std::size_t pos = 0;
@@ -98,7 +98,7 @@ std::uint32_t toUnsigned(const std::string& value) {
         ++pos;
     }
     if (pos >= value.size() || !isDigit(value[pos])) {
-        throw std::invalid_argument("invalid stoul argument");
+        return NumberReading::NotANumber;
     }
     constexpr std::uint64_t kMax = 0xFFFFFFFFull;
     std::uint64_t magnitude = 0;
@@ -110,10 +110,24 @@ std::uint32_t toUnsigned(const std::string& value) {
         }
     }
     if (overflow) {
-        throw std::out_of_range("stoul argument out of range");
+        return NumberReading::OutOfRange;
     }
-    const auto result = static_cast<std::uint32_t>(magnitude);
-    return negative ? static_cast<std::uint32_t>(0u - result) : result;
+    const auto read = static_cast<std::uint32_t>(magnitude);
+    result = negative ? static_cast<std::uint32_t>(0u - read) : read;
+    return NumberReading::Ok;
+}
+
+std::uint32_t toUnsigned(const std::string& value) {
+    std::uint32_t result = 0;
+    switch (readUnsigned(value, result)) {
+        case NumberReading::Ok:
+            return result;
+        case NumberReading::NotANumber:
+            throw std::invalid_argument("invalid stoul argument");
+        case NumberReading::OutOfRange:
+            break;
+    }
+    throw std::out_of_range("stoul argument out of range");
 }
 
 bool toBoolean(std::string_view value) {
@@ -174,13 +188,16 @@ std::uint32_t rawUnsignedOption(std::string_view text, std::string_view key, std
     if (raw.empty()) {
         return fallback;
     }
-    try {
-        return toUnsigned(raw);
-    } catch (const std::invalid_argument&) {
-        return 0;
-    } catch (const std::out_of_range&) {
-        return std::numeric_limits<std::uint32_t>::max();
+    std::uint32_t value = 0;
+    switch (readUnsigned(raw, value)) {
+        case NumberReading::Ok:
+            return value;
+        case NumberReading::NotANumber:
+            return 0;
+        case NumberReading::OutOfRange:
+            break;
     }
+    return std::numeric_limits<std::uint32_t>::max();
 }
 
 OptionReader::OptionReader(std::string_view text) : list_(splitOptions(text)) {

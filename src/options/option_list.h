@@ -24,6 +24,12 @@ OptionList splitOptions(std::string_view text);
 // std::out_of_range("stoul argument out of range").
 std::uint32_t toUnsigned(const std::string& value);
 
+// The same reading without exceptions, for callers whose answer to a bad
+// number is a result code or a value: Ok with the number in result, else
+// what was wrong (result unchanged).
+enum class NumberReading { Ok, NotANumber, OutOfRange };
+NumberReading readUnsigned(std::string_view value, std::uint32_t& result);
+
 // "", "true", "on", "1" are true; "false", "off", "0" false; anything else
 // throws std::invalid_argument("Invalid boolean literal").
 bool toBoolean(std::string_view value);
