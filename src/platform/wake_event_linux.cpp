@@ -23,7 +23,7 @@ bool WakeEvent::signal() noexcept {
     const std::uint64_t one = 1;
     // The counter cannot overflow in practice; EAGAIN would mean it is
     // already readable, which is all a waiter needs.
-    const auto n = ::write(static_cast<int>(handle_), &one, sizeof one);
+    const auto n = ::write(static_cast<int>(signalHandle_), &one, sizeof one);
     return n == sizeof one || errno == EAGAIN;
 }
 

@@ -29,7 +29,7 @@ WakeEvent::~WakeEvent() {
 }
 
 bool WakeEvent::signal() noexcept {
-    return ::SetEvent(handleOf(handle_)) != 0;
+    return ::SetEvent(handleOf(signalHandle_)) != 0;
 }
 
 void WakeEvent::reset() noexcept {
