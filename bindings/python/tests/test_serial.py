@@ -201,3 +201,34 @@ def test_open_devices_are_closed_at_interpreter_exit(pty):
         flooder.join(WAIT)
     assert result.returncode == 0, result.stderr
     assert result.stdout.split("\n")[:2] == ["opened", "closed at exit: True"]
+
+
+def test_a_full_receive_queue_drops_and_says_where(pty):
+    master, path = pty
+    with km.open(f"serial:{path}", receive_limit=4096, baudrate=115200) as dev:
+        os.write(master, b"a" * 4096)
+        assert eventually(lambda: dev._link.queued_bytes == 4096)
+        os.write(master, b"b" * 1024)  # no room: dropped
+        assert eventually(lambda: dev._link.overflow_queued)
+        assert dev.read(timeout=WAIT) == b"a" * 4096
+        with pytest.raises(km.ReceiveOverflowError):
+            dev.read(timeout=0)
+        os.write(master, b"after")
+        assert read_exactly(dev, 5) == b"after"
+
+
+def test_receive_limit_must_be_positive(pty):
+    _, path = pty
+    with pytest.raises(ValueError):
+        km.open(f"serial:{path}", receive_limit=0, baudrate=115200)
+
+
+def test_links_closed_without_waiting_are_let_go_after_their_time(monkeypatch):
+    from kalometio import device
+
+    monkeypatch.setattr(device, "_RETIRE_SECONDS", 0.0)
+    monkeypatch.setattr(device, "_retired", [])
+    for _ in range(3):
+        # Handle 63 is not open: the library answers 6 and nothing else happens.
+        device._close_handle(63, device._Link("serial:/dev/null", 1), wait=False)
+    assert len(device._retired) == 1

@@ -6,11 +6,12 @@ import asyncio
 import ctypes
 import queue
 import threading
+import time
 import weakref
-from typing import Iterator, List, Optional, Union
+from typing import Iterator, List, Optional, Tuple, Union
 
 from . import _library as L
-from .errors import InvalidHandleError, KmioError, error_for
+from .errors import InvalidHandleError, KmioError, ReceiveOverflowError, error_for
 from .options import OptionValue, option_text
 
 BytesLike = Union[bytes, bytearray, memoryview]
@@ -22,9 +23,23 @@ class _Closed:
 
 _CLOSED = _Closed()
 
+
+class _Overflow:
+    """Queued where received bytes were dropped because the queue was full."""
+
+
+_OVERFLOW = _Overflow()
+
+# How many received bytes may wait unread before more are dropped.
+DEFAULT_RECEIVE_LIMIT = 16 << 20
+
 # Callback objects of devices closed without waiting for their receiving
-# thread: the thread may still call them for a moment, so they live on.
-_retired: List["_Link"] = []
+# thread: the thread may still call them for a moment after the close, so
+# they live on, each for a minute (far longer than a receiving thread takes
+# to end), and are let go at a later close.
+_RETIRE_SECONDS = 60.0
+_retired: List[Tuple[float, "_Link"]] = []
+_retired_lock = threading.Lock()
 
 
 class _Link:
@@ -36,9 +51,16 @@ class _Link:
     error as its exception.
     """
 
-    def __init__(self, locator: str) -> None:
+    def __init__(self, locator: str, receive_limit: int) -> None:
         self.locator = locator
         self.queue: "queue.SimpleQueue[object]" = queue.SimpleQueue()
+        # Bytes queued and not yet read, and whether an overflow marker
+        # waits in the queue (one marker stands for every byte dropped until
+        # a reader reaches it).
+        self.receive_limit = receive_limit
+        self.queued_bytes = 0
+        self.overflow_queued = False
+        self.count_lock = threading.Lock()
         self.handle: Optional[int] = None
         self.lock = threading.Lock()
         self.failed = False
@@ -46,7 +68,16 @@ class _Link:
         self.link_error = L.LinkErrorCallback(self._on_link_error)
 
     def _on_receive(self, _context: object, data: "ctypes._Pointer[ctypes.c_uint8]", length: int) -> None:
+        # The receiving thread never waits for a reader: with the queue full,
+        # the block is dropped and the reader is told where.
         with L.on_library_thread(L.RECEIVING_THREAD):
+            with self.count_lock:
+                if self.queued_bytes + length > self.receive_limit:
+                    if not self.overflow_queued:
+                        self.overflow_queued = True
+                        self.queue.put(_OVERFLOW)
+                    return
+                self.queued_bytes += length
             self.queue.put(ctypes.string_at(data, length))
 
     def _on_link_error(self, _context: object, code: int) -> None:
@@ -79,7 +110,10 @@ def _release(link: _Link) -> None:
 def _close_handle(handle: int, link: _Link, wait: bool) -> None:
     L.lib().KM_IO_Close(handle, 1 if wait else 0)
     if not wait:
-        _retired.append(link)
+        now = time.monotonic()
+        with _retired_lock:
+            _retired[:] = [(at, kept) for at, kept in _retired if now - at < _RETIRE_SECONDS]
+            _retired.append((now, link))
     link.queue.put(_CLOSED)
 
 
@@ -94,11 +128,13 @@ class Device:
     exit.
     """
 
-    def __init__(self, locator: str, **options: OptionValue) -> None:
+    def __init__(self, locator: str, receive_limit: int = DEFAULT_RECEIVE_LIMIT, **options: OptionValue) -> None:
         L.run_deferred()
+        if receive_limit <= 0:
+            raise ValueError("receive_limit must be a positive number of bytes")
         self.locator = locator
         self.options = option_text(options)
-        link = _Link(locator)
+        link = _Link(locator, receive_limit)
         handle = ctypes.c_uint32()
         L.check(
             L.lib().KM_IO_Open(
@@ -115,6 +151,7 @@ class Device:
         self._link = link
         self._read_lock = threading.Lock()
         self._failure: Optional[KmioError] = None
+        self._overflow_pending = False
         self._finalizer = weakref.finalize(self, _release, link)
 
     @property
@@ -156,6 +193,9 @@ class Device:
             InvalidHandleError: the device is closed and nothing is left to read.
         """
         with self._read_lock:
+            if self._overflow_pending:
+                self._overflow_pending = False
+                raise self._overflow_error()
             if self._failure is not None:
                 raise self._failure
             try:
@@ -168,6 +208,16 @@ class Device:
             while True:
                 if isinstance(item, bytes):
                     blocks.append(item)
+                    with self._link.count_lock:
+                        self._link.queued_bytes -= len(item)
+                elif isinstance(item, _Overflow):
+                    with self._link.count_lock:
+                        self._link.overflow_queued = False
+                    if blocks:
+                        # Raised by the next read, after what came before the gap.
+                        self._overflow_pending = True
+                        break
+                    raise self._overflow_error()
                 elif isinstance(item, KmioError):
                     self._failure = item
                     break
@@ -183,6 +233,11 @@ class Device:
             if self._failure is not None:
                 raise self._failure
             raise InvalidHandleError(f"{self.locator}: the device is closed")
+
+    def _overflow_error(self) -> ReceiveOverflowError:
+        return ReceiveOverflowError(
+            f"{self.locator}: received bytes were dropped: more than {self._link.receive_limit} waited unread"
+        )
 
     async def read_async(self, timeout: Optional[float] = None) -> bytes:
         """:meth:`read` for asyncio code: waits in a worker thread, not in the event loop."""
@@ -219,14 +274,20 @@ class Device:
         return f"<kalometio.Device {self.locator!r} {state}>"
 
 
-def open(locator: str, **options: OptionValue) -> Device:  # noqa: A001 - km.open is the natural name
+def open(  # noqa: A001 - km.open is the natural name
+    locator: str, receive_limit: int = DEFAULT_RECEIVE_LIMIT, **options: OptionValue
+) -> Device:
     """Opens a device by its locator; keyword arguments become option lines.
 
     Example: ``kalometio.open("serial:/dev/ttyUSB0", baudrate=115200)`` or
     ``kalometio.open("network:sn:KM000042", iface="network:all")``.
 
+    ``receive_limit`` bounds the bytes that may wait unread (16 MiB by
+    default); what arrives beyond it is dropped, and a read raises
+    :class:`ReceiveOverflowError` where the gap is.
+
     Raises:
         KmioError: a subclass for the result code (BadLocatorError, NotFoundError,
             BadOptionsError, OpenFailedError, ...).
     """
-    return Device(locator, **options)
+    return Device(locator, receive_limit, **options)

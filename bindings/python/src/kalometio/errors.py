@@ -154,3 +154,16 @@ def error_for(code: int, message: Optional[str] = None) -> KmioError:
     if cls is None:
         return KmioError(message, code=code)
     return cls(message)
+
+
+class ReceiveOverflowError(BufferError):
+    """Received bytes were dropped because too many waited unread.
+
+    A device queues what arrives until :meth:`Device.read` takes it, up to
+    ``receive_limit`` bytes (``kalometio.open(..., receive_limit=N)``, 16 MiB
+    by default). The library's receiving thread never waits for a reader, so
+    blocks that arrive while the queue is full are dropped. The read that
+    reaches the gap returns the bytes received before it; the next read
+    raises this error once; reads after it return what arrived after the
+    gap. It is not a result code of the library, so it is no KmioError.
+    """
