@@ -49,6 +49,7 @@ from .errors import (
 )
 from .events import DiscoveryEvent, EventKind, Watcher, WatcherStopped, watch
 from .options import option_text
+from .streams import open_connection
 
 __version__ = "2.2.0"
 
@@ -81,6 +82,7 @@ __all__ = [
     "list_interfaces",
     "list_locators",
     "locator_type",
+    "open_connection",
     "option_text",
     "set_global_options",
     "version",

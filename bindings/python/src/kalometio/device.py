@@ -8,7 +8,7 @@ import queue
 import threading
 import time
 import weakref
-from typing import Iterator, List, Optional, Tuple, Union
+from typing import Callable, Iterator, List, Optional, Tuple, Union
 
 from . import _library as L
 from .errors import InvalidHandleError, KmioError, ReceiveOverflowError, error_for
@@ -51,8 +51,11 @@ class _Link:
     error as its exception.
     """
 
-    def __init__(self, locator: str, receive_limit: int) -> None:
+    def __init__(self, locator: str, receive_limit: int, forward: Optional[Callable[[object], None]] = None) -> None:
         self.locator = locator
+        # Set for asyncio streams: every block and the link error go there,
+        # on the receiving thread, instead of into the queue.
+        self.forward = forward
         self.queue: "queue.SimpleQueue[object]" = queue.SimpleQueue()
         # Bytes queued and not yet read, and whether an overflow marker
         # waits in the queue (one marker stands for every byte dropped until
@@ -71,6 +74,9 @@ class _Link:
         # The receiving thread never waits for a reader: with the queue full,
         # the block is dropped and the reader is told where.
         with L.on_library_thread(L.RECEIVING_THREAD):
+            if self.forward is not None:
+                self.forward(ctypes.string_at(data, length))
+                return
             with self.count_lock:
                 if self.queued_bytes + length > self.receive_limit:
                     if not self.overflow_queued:
@@ -86,7 +92,11 @@ class _Link:
         with L.on_library_thread(L.RECEIVING_THREAD):
             if not self.failed:
                 self.failed = True
-                self.queue.put(error_for(code, f"{self.locator}: link error"))
+                error = error_for(code, f"{self.locator}: link error")
+                if self.forward is not None:
+                    self.forward(error)
+                else:
+                    self.queue.put(error)
 
 
 def _release(link: _Link) -> None:
@@ -128,13 +138,20 @@ class Device:
     exit.
     """
 
-    def __init__(self, locator: str, receive_limit: int = DEFAULT_RECEIVE_LIMIT, **options: OptionValue) -> None:
+    def __init__(
+        self,
+        locator: str,
+        receive_limit: int = DEFAULT_RECEIVE_LIMIT,
+        *,
+        _forward: Optional[Callable[[object], None]] = None,
+        **options: OptionValue,
+    ) -> None:
         L.run_deferred()
         if receive_limit <= 0:
             raise ValueError("receive_limit must be a positive number of bytes")
         self.locator = locator
         self.options = option_text(options)
-        link = _Link(locator, receive_limit)
+        link = _Link(locator, receive_limit, _forward)
         handle = ctypes.c_uint32()
         L.check(
             L.lib().KM_IO_Open(
