@@ -6,7 +6,8 @@
 # 2. find_package: a C++ project out of tree against the prefix, built and run
 # 3. pkg-config:  a C program compiled with pkg-config's flags, run
 # 4. deb:         cpack -G DEB; contents and control fields checked with dpkg-deb -c / -f
-# 5. docs:        scripts/docs.sh (Doxygen, warnings are errors)
+# 5. docs:        scripts/docs.sh (Doxygen, warnings are errors), and the Python
+#                 package's API reference from its docstrings (Sphinx, warnings are errors)
 # 6. python:      pip install of bindings/python into a fresh venv, offline, then
 #                 pytest against the staged libkmio.so.2, pseudo-terminals and kmio-sim
 #                 on 127.0.0.1 (inside a private network namespace when run as root, so
@@ -30,7 +31,7 @@ if [[ $(id -u) -ne 0 ]]; then
     sudo_cmd=(sudo)
 fi
 packages=(cmake ninja-build g++ pkg-config doxygen dpkg-dev file binutils python3 python3-venv
-    python3-setuptools python3-wheel python3-pytest iproute2 util-linux)
+    python3-setuptools python3-wheel python3-pytest python3-sphinx iproute2 util-linux)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
@@ -171,7 +172,10 @@ stage_deb() {
 
 stage_docs() {
     scripts/docs.sh "${build_dir}" && expect_file "${build_dir}/docs/html/index.html" &&
-        grep -q KM_IO_GetDiscoveryEventData "${build_dir}/docs/html/kmio_8h.html"
+        grep -q KM_IO_GetDiscoveryEventData "${build_dir}/docs/html/kmio_8h.html" &&
+        PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m sphinx -W --keep-going -q -b html \
+            bindings/python/docs "${build_dir}/docs/python" &&
+        grep -q open_connection "${build_dir}/docs/python/index.html"
 }
 
 # The Python stage: a fresh venv, an offline install, the tests.

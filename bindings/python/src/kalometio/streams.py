@@ -128,10 +128,10 @@ async def open_connection(
     ``writer.close()`` closes the device; a link failure ends the reader with
     the library's error (``reader.read()`` raises it).
 
-    Example::
+    For example::
 
         reader, writer = await kalometio.open_connection("serial:/dev/ttyUSB0", baudrate=115200)
-        writer.write(b"ping\n")
+        writer.write(b"ping\\n")
         line = await reader.readline()
     """
     loop = asyncio.get_running_loop()
